@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "StateBlock.h"
+
+#include <charconv>
+
+namespace StateBlock
+{
+
+juce::String formatDouble (double value)
+{
+    char text[64] {};
+    const auto result = std::to_chars (text, text + sizeof (text) - 1, value, std::chars_format::general, 20);
+    *result.ptr = 0;
+    return juce::String (text);
+}
+
+juce::MemoryBlock write (const Values& values)
+{
+    juce::String xml ("<Params");
+
+    for (size_t i = 0; i < attributeNames.size(); ++i)
+    {
+        const auto text = isSwitch (i) ? juce::String (values[i] >= 0.5f ? "1" : "0")
+                                       : formatDouble ((double) values[i]);
+        xml << ' ' << attributeNames[i] << "=\"" << text << '"';
+    }
+
+    xml << "/>";
+
+    const auto utf8 = xml.toUTF8();
+    const auto textLength = (juce::uint32) utf8.sizeInBytes() - 1;
+
+    juce::MemoryBlock block;
+    juce::MemoryOutputStream out (block, false);
+    out.writeInt ((int) magic);
+    out.writeInt ((int) textLength);
+    out.write (utf8.getAddress(), textLength);
+    out.writeByte (0);
+    out.flush();
+    return block;
+}
+
+std::optional<Restored> read (const void* data, int sizeInBytes)
+{
+    if (data == nullptr || sizeInBytes <= 8)
+        return {};
+
+    const auto* bytes = static_cast<const juce::uint8*> (data);
+
+    if (juce::ByteOrder::littleEndianInt (bytes) != magic)
+        return {};
+
+    const auto storedLength = (juce::int32) juce::ByteOrder::littleEndianInt (bytes + 4);
+
+    if (storedLength <= 0)
+        return {};
+
+    const auto textLength = juce::jmin (sizeInBytes - 8, (int) storedLength);
+    const auto text = juce::String::fromUTF8 (reinterpret_cast<const char*> (bytes + 8), textLength);
+    const auto element = juce::parseXML (text);
+
+    if (element == nullptr || ! element->getTagName().equalsIgnoreCase ("Params"))
+        return {};
+
+    Restored restored;
+
+    for (size_t i = 0; i < attributeNames.size(); ++i)
+    {
+        const auto* name = attributeNames[i];
+
+        if (! element->hasAttribute (name))
+            continue;
+
+        if (isSwitch (i))
+            restored[i] = element->getBoolAttribute (name) ? 1.0f : 0.0f;
+        else
+            restored[i] = (float) element->getDoubleAttribute (name);
+    }
+
+    return restored;
+}
+
+}

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What a VST2 host sees of Quenda.so: identity, parameters, programs, latency, chunks, audio.
+
+#include "Vst2Host.h"
+
+#include <gtest/gtest.h>
+#include <cmath>
+#include <cstring>
+
+using vst2host::Instance;
+
+TEST (Vst2Foundation, DescribesItselfAsAStereoEffect)
+{
+    Instance plugin;
+    EXPECT_EQ (8, plugin.effect->numParams);
+    EXPECT_EQ (1, plugin.effect->numPrograms);
+    EXPECT_EQ (2, plugin.effect->numInputs);
+    EXPECT_EQ (2, plugin.effect->numOutputs);
+    EXPECT_NE (0, plugin.effect->flags & effFlagsProgramChunks);
+    EXPECT_NE (0, plugin.effect->flags & effFlagsCanReplacing);
+    EXPECT_EQ (('Q' << 24) | ('n' << 16) | ('d' << 8) | 'a', plugin.effect->uniqueID);
+    EXPECT_EQ ("Quenda", plugin.stringFrom (effGetEffectName));
+    EXPECT_EQ ("Quenda", plugin.stringFrom (effGetProductString));
+    EXPECT_EQ ("Selvane", plugin.stringFrom (effGetVendorString));
+    EXPECT_EQ (0, plugin.latency());
+}
+
+TEST (Vst2Foundation, ParametersHaveHostNamesAndPlainDefaults)
+{
+    Instance plugin;
+    const char* names[] = { "tilt", "Bypass", "linear phase", "trim", "low", "high", "low_freq", "high_freq" };
+    const float defaults[] = { 0, 0, 0, 0, 0, 0, 150, 4500 };
+
+    for (int i = 0; i < 8; ++i)
+    {
+        EXPECT_EQ (names[i], plugin.stringFrom (effGetParamName, i));
+        EXPECT_EQ (defaults[i], plugin.getParameter (i)) << names[i];
+        EXPECT_EQ ("", plugin.stringFrom (effGetParamLabel, i)) << names[i];
+        EXPECT_EQ (1, plugin.dispatch (effCanBeAutomated, i)) << names[i];
+    }
+}
+
+TEST (Vst2Foundation, NormalisationIsTheIdentityWithoutClamping)
+{
+    Instance plugin;
+
+    plugin.setParameter (6, 0.3f);
+    EXPECT_EQ (0.3f, plugin.getParameter (6));
+    plugin.setParameter (0, -1.0f);
+    EXPECT_EQ (-1.0f, plugin.getParameter (0));
+    plugin.setParameter (7, 22000.0f);
+    EXPECT_EQ (22000.0f, plugin.getParameter (7));
+
+    // A host writing NaN must not poison the value the filters use.
+    plugin.setParameter (4, 2.0f);
+    plugin.setParameter (4, std::nanf (""));
+    EXPECT_EQ (2.0f, plugin.getParameter (4));
+
+    // A fresh instance is unaffected by another one's edits.
+    Instance other;
+    EXPECT_EQ (150.0f, other.getParameter (6));
+    EXPECT_EQ (0.0f, other.getParameter (0));
+}
+
+TEST (Vst2Foundation, OneUnnamedProgram)
+{
+    Instance plugin;
+    EXPECT_EQ (0, plugin.dispatch (effGetProgram));
+    EXPECT_EQ ("", plugin.stringFrom (effGetProgramName));
+    char name[] = "renamed";
+    plugin.dispatch (effSetProgramName, 0, 0, name);
+    EXPECT_EQ ("", plugin.stringFrom (effGetProgramName));
+}
+
+TEST (Vst2Foundation, ChunkHoldsTheStateBlockAndRestoresIt)
+{
+    std::vector<char> chunk;
+    {
+        Instance plugin;
+        plugin.setParameter (0, -0.37f);
+        plugin.setParameter (2, 1.0f);
+        plugin.setParameter (6, 0.3f);
+        chunk = plugin.getChunk();
+    }
+
+    ASSERT_GT (chunk.size(), 9u);
+    const std::string expectedText = "<Params tilt=\"-0.37000000476837158203\" bypass=\"0\" lin_phase=\"1\" "
+                                     "trim=\"0\" low=\"0\" high=\"0\" low_freq=\"0.30000001192092895508\" "
+                                     "high_freq=\"4500\"/>";
+    unsigned char header[8];
+    std::memcpy (header, chunk.data(), 8);
+    EXPECT_EQ (0x56, header[0]);
+    EXPECT_EQ (0x21, header[3]);
+    EXPECT_EQ ((unsigned) chunk.size() - 9, (unsigned) (header[4] | header[5] << 8 | header[6] << 16 | header[7] << 24));
+    EXPECT_EQ (expectedText, std::string (chunk.data() + 8, chunk.size() - 9));
+    EXPECT_EQ (0, chunk.back());
+
+    Instance restored;
+    restored.setChunk (chunk);
+    EXPECT_EQ (-0.37f, restored.getParameter (0));
+    EXPECT_EQ (1.0f, restored.getParameter (2));
+    EXPECT_EQ (0.3f, restored.getParameter (6));
+    EXPECT_EQ (4500.0f, restored.getParameter (7));
+    EXPECT_EQ (chunk, restored.getChunk());
+}

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// A minimal VST2 host: dlopen the plug-in, call VSTPluginMain and talk to it only through the
+// AEffect dispatcher, the way a DAW does. JUCE's own VST2 hosting is not used, since it
+// mis-sizes fst's speaker structs.
+#pragma once
+
+#include <aeffectx.h>
+
+#include <atomic>
+#include <dlfcn.h>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vst2host
+{
+
+/** Everything the plug-in told its host through the audioMaster callback. */
+struct HostLog
+{
+    std::atomic<int> automateCalls { 0 };
+    std::atomic<int> lastAutomatedIndex { -1 };
+    std::atomic<float> lastAutomatedValue { 0.0f };
+};
+
+inline HostLog& hostLog()
+{
+    static HostLog log;
+    return log;
+}
+
+inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int index, VstIntPtr, void*, float opt)
+{
+    switch (opcode)
+    {
+        case audioMasterVersion:
+            return 2400;
+        case audioMasterAutomate:
+            hostLog().lastAutomatedIndex = index;
+            hostLog().lastAutomatedValue = opt;
+            ++hostLog().automateCalls;
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+using PluginMain = AEffect* (*) (audioMasterCallback);
+
+/** The loaded shared object; stays loaded for the whole test program, as hosts keep it. */
+class Library
+{
+public:
+    static Library& get()
+    {
+        static Library library (QUENDA_VST2_PATH);
+        return library;
+    }
+
+    PluginMain entry() const { return main; }
+
+private:
+    explicit Library (const char* path)
+    {
+        handle = dlopen (path, RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr)
+            throw std::runtime_error (std::string ("dlopen failed: ") + dlerror());
+
+        main = reinterpret_cast<PluginMain> (dlsym (handle, "VSTPluginMain"));
+        if (main == nullptr)
+            throw std::runtime_error ("VSTPluginMain not exported");
+    }
+
+    void* handle = nullptr;
+    PluginMain main = nullptr;
+};
+
+/** One plug-in instance, opened and closed like a host does. */
+class Instance
+{
+public:
+    Instance()
+    {
+        effect = Library::get().entry() (hostCallback);
+        if (effect == nullptr || effect->magic != 0x56737450)
+            throw std::runtime_error ("VSTPluginMain returned no effect");
+        dispatch (effOpen);
+    }
+
+    ~Instance()
+    {
+        if (running)
+            stop();
+        dispatch (effClose);
+    }
+
+    Instance (const Instance&) = delete;
+    Instance& operator= (const Instance&) = delete;
+
+    VstIntPtr dispatch (int opcode, int index = 0, VstIntPtr value = 0, void* ptr = nullptr, float opt = 0.0f)
+    {
+        return effect->dispatcher (effect, opcode, index, value, ptr, opt);
+    }
+
+    std::string stringFrom (int opcode, int index = 0)
+    {
+        char text[256] {};
+        dispatch (opcode, index, 0, text);
+        return text;
+    }
+
+    void start (float sampleRate, int blockSize)
+    {
+        dispatch (effSetSampleRate, 0, 0, nullptr, sampleRate);
+        dispatch (effSetBlockSize, 0, blockSize);
+        dispatch (effMainsChanged, 0, 1);
+        dispatch (effStartProcess);
+        running = true;
+    }
+
+    void stop()
+    {
+        dispatch (effStopProcess);
+        dispatch (effMainsChanged, 0, 0);
+        running = false;
+    }
+
+    /** Runs the plug-in's pending messages, as a host's idle timer does. */
+    void idle (int times = 1)
+    {
+        for (int i = 0; i < times; ++i)
+        {
+            dispatch (effEditIdle);
+            std::this_thread::sleep_for (std::chrono::milliseconds (2));
+        }
+    }
+
+    void process (std::vector<float>& left, std::vector<float>& right, int offset, int n)
+    {
+        std::vector<float> outLeft ((size_t) n), outRight ((size_t) n);
+        float* inputs[] = { left.data() + offset, right.data() + offset };
+        float* outputs[] = { outLeft.data(), outRight.data() };
+        effect->processReplacing (effect, inputs, outputs, n);
+        std::copy (outLeft.begin(), outLeft.end(), left.begin() + offset);
+        std::copy (outRight.begin(), outRight.end(), right.begin() + offset);
+    }
+
+    std::vector<char> getChunk()
+    {
+        void* data = nullptr;
+        const auto size = dispatch (effGetChunk, 0, 0, &data);
+        const auto* bytes = static_cast<const char*> (data);
+        return size > 0 && bytes != nullptr ? std::vector<char> (bytes, bytes + size) : std::vector<char>();
+    }
+
+    void setChunk (std::vector<char> chunk)
+    {
+        dispatch (effSetChunk, 0, (VstIntPtr) chunk.size(), chunk.data());
+    }
+
+    float getParameter (int index)              { return effect->getParameter (effect, index); }
+    void setParameter (int index, float value)  { effect->setParameter (effect, index, value); }
+    int latency() const                         { return effect->initialDelay; }
+
+    AEffect* effect = nullptr;
+
+private:
+    bool running = false;
+};
+
+}
