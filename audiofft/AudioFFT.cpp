@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "audiofft/AudioFFT.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <mutex>
+
+namespace audiofft
+{
+
+namespace
+{
+    // FFTW's planner keeps global state: no two plan creations or destructions may
+    // overlap anywhere in the process, and several plug-in instances share it.
+    std::mutex& plannerMutex()
+    {
+        static std::mutex mutex;
+        return mutex;
+    }
+
+    template <typename T>
+    detail::FftwArray<T> allocate (size_t count)
+    {
+        return detail::FftwArray<T> (static_cast<T*> (fftwf_malloc (sizeof (T) * count)));
+    }
+
+    fftwf_complex* asFftw (FFTW3FFT::Complex* bins) noexcept
+    {
+        return reinterpret_cast<fftwf_complex*> (bins);
+    }
+}
+
+FFTW3FFT::~FFTW3FFT()
+{
+    init (0);
+}
+
+void FFTW3FFT::init (size_t size)
+{
+    if (size == fftSize)
+        return;
+
+    const std::lock_guard<std::mutex> lock (plannerMutex());
+
+    release();
+
+    if (size == 0)
+        return;
+
+    fftSize = size;
+    numBins = size / 2 + 1;
+
+    timeBuffer = allocate<float> (fftSize);
+    splitRe = allocate<float> (numBins);
+    splitIm = allocate<float> (numBins);
+
+    const fftwf_iodim dimension { static_cast<int> (fftSize), 1, 1 };
+
+    splitForwardPlan.reset (fftwf_plan_guru_split_dft_r2c (1, &dimension, 0, nullptr,
+                                                          timeBuffer.get(), splitRe.get(), splitIm.get(),
+                                                          FFTW_ESTIMATE));
+    splitInversePlan.reset (fftwf_plan_guru_split_dft_c2r (1, &dimension, 0, nullptr,
+                                                          splitRe.get(), splitIm.get(), timeBuffer.get(),
+                                                          FFTW_ESTIMATE));
+
+    forwardOutput = allocate<Complex> (numBins);
+    inverseInput = allocate<Complex> (numBins);
+
+    forwardPlan.reset (fftwf_plan_dft_r2c_1d (static_cast<int> (fftSize), timeBuffer.get(),
+                                              asFftw (forwardOutput.get()), FFTW_ESTIMATE));
+    inversePlan.reset (fftwf_plan_dft_c2r_1d (static_cast<int> (fftSize), asFftw (inverseInput.get()),
+                                              timeBuffer.get(), FFTW_ESTIMATE));
+}
+
+void FFTW3FFT::release() noexcept
+{
+    // Plans before the buffers they refer to.
+    forwardPlan.reset();
+    inversePlan.reset();
+    splitForwardPlan.reset();
+    splitInversePlan.reset();
+
+    fftSize = 0;
+    numBins = 0;
+
+    timeBuffer.reset();
+    inverseInput.reset();
+    forwardOutput.reset();
+    splitRe.reset();
+    splitIm.reset();
+}
+
+void FFTW3FFT::fft (const float* data, float* re, float* im)
+{
+    std::copy_n (data, fftSize, timeBuffer.get());
+    fftwf_execute_split_dft_r2c (splitForwardPlan.get(), timeBuffer.get(), splitRe.get(), splitIm.get());
+    std::copy_n (splitRe.get(), numBins, re);
+    std::copy_n (splitIm.get(), numBins, im);
+}
+
+void FFTW3FFT::ifft (float* data, const float* re, const float* im)
+{
+    // c2r destroys its input, which is why the bins are copied in first.
+    std::copy_n (re, numBins, splitRe.get());
+    std::copy_n (im, numBins, splitIm.get());
+    fftwf_execute_split_dft_c2r (splitInversePlan.get(), splitRe.get(), splitIm.get(), timeBuffer.get());
+    scaleInverseOutput (data);
+}
+
+void FFTW3FFT::fft (const float* data, Complex* spectrum)
+{
+    std::copy_n (data, fftSize, timeBuffer.get());
+    fftwf_execute (forwardPlan.get());
+    std::copy_n (forwardOutput.get(), numBins, spectrum);
+}
+
+void FFTW3FFT::ifft (float* data, const Complex* spectrum)
+{
+    std::copy_n (spectrum, numBins, inverseInput.get());
+    fftwf_execute (inversePlan.get());
+    scaleInverseOutput (data);
+}
+
+void FFTW3FFT::fft (const float* data, std::vector<Complex>& spectrum)
+{
+    fft (data, spectrum.data());
+}
+
+void FFTW3FFT::ifft (float* data, const std::vector<Complex>& spectrum)
+{
+    ifft (data, spectrum.data());
+}
+
+void FFTW3FFT::scaleInverseOutput (float* data) const noexcept
+{
+    const float scale = 1.0f / static_cast<float> (static_cast<uint64_t> (fftSize));
+    const float* source = timeBuffer.get();
+
+    for (size_t i = 0; i < fftSize; ++i)
+        data[i] = source[i] * scale;
+}
+
+} // namespace audiofft

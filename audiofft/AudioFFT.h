@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <complex>
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include <fftw3.h>
+
+namespace audiofft
+{
+
+/** Real FFT of size N with N/2 + 1 complex bins: forward unscaled, inverse scaled by 1/N. */
+class AudioFFTBase
+{
+public:
+    virtual ~AudioFFTBase() = default;
+
+    /** Prepares for transforms of the given size; must be called before any transform. */
+    virtual void init (size_t size) = 0;
+
+    /** Forward transform into separate real and imaginary arrays of N/2 + 1 values. */
+    virtual void fft (const float* data, float* re, float* im) = 0;
+
+    /** Inverse transform from separate real and imaginary arrays, scaled by 1/N. */
+    virtual void ifft (float* data, const float* re, const float* im) = 0;
+};
+
+namespace detail
+{
+    struct FftwFree
+    {
+        void operator() (void* memory) const noexcept { fftwf_free (memory); }
+    };
+
+    /** SIMD-aligned array from fftwf_malloc. */
+    template <typename T>
+    using FftwArray = std::unique_ptr<T[], FftwFree>;
+
+    /** Destroys a plan. Only ever released inside FFTW3FFT::init, under the planner lock. */
+    struct FftwPlanDestroy
+    {
+        void operator() (fftwf_plan plan) const noexcept { fftwf_destroy_plan (plan); }
+    };
+
+    using FftwPlan = std::unique_ptr<fftwf_plan_s, FftwPlanDestroy>;
+}
+
+/**
+    AudioFFTBase over single-precision FFTW.
+
+    Every transform copies through the object's own aligned buffers, so callers may
+    pass any memory, and transforms never allocate. An object is not thread-safe, but
+    any number of objects may be initialised concurrently: all plan creation and
+    destruction in the process is serialised by one lock.
+*/
+class FFTW3FFT : public AudioFFTBase
+{
+public:
+    using Complex = std::complex<float>;   // same layout as fftwf_complex
+
+    FFTW3FFT() = default;
+    ~FFTW3FFT() override;
+
+    FFTW3FFT (const FFTW3FFT&) = delete;
+    FFTW3FFT& operator= (const FFTW3FFT&) = delete;
+
+    /** Free when the size is unchanged; otherwise releases and rebuilds. 0 releases everything. */
+    void init (size_t size) override;
+
+    void fft (const float* data, float* re, float* im) override;
+    void ifft (float* data, const float* re, const float* im) override;
+
+    /** Forward transform into N/2 + 1 interleaved bins. */
+    virtual void fft (const float* data, Complex* spectrum);
+
+    /** Inverse transform of N/2 + 1 interleaved bins, scaled by 1/N. */
+    virtual void ifft (float* data, const Complex* spectrum);
+
+    /** Forward transform into a vector that already holds N/2 + 1 bins. */
+    virtual void fft (const float* data, std::vector<Complex>& spectrum);
+
+    /** Inverse transform of the first N/2 + 1 bins of a vector, scaled by 1/N. */
+    virtual void ifft (float* data, const std::vector<Complex>& spectrum);
+
+    /** Transform length N (0 before init). */
+    virtual int size() const { return static_cast<int> (fftSize); }
+
+    /** Number of complex bins, N/2 + 1. */
+    size_t complexSize() const noexcept { return numBins; }
+
+private:
+    void release() noexcept;
+    void scaleInverseOutput (float* data) const noexcept;
+
+    size_t fftSize = 0;
+    size_t numBins = 0;
+
+    detail::FftwPlan forwardPlan, inversePlan;             // interleaved
+    detail::FftwPlan splitForwardPlan, splitInversePlan;
+
+    detail::FftwArray<float> splitRe, splitIm;
+    detail::FftwArray<float> timeBuffer;                   // shared by all plans
+    detail::FftwArray<Complex> forwardOutput, inverseInput;
+};
+
+} // namespace audiofft
