@@ -1,0 +1,348 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "PluginEditor.h"
+#include "processor/PluginProcessor.h"
+
+#include <BinaryData.h>
+
+#include <cmath>
+#include <cstdio>
+
+namespace
+{
+    const juce::Colour panelColour { 0xff323e44 };
+
+    void styleSlider (juce::Slider& slider, double minimum, double maximum, int textBoxHeight)
+    {
+        slider.setRange (minimum, maximum, 0.0);
+        slider.setSliderStyle (juce::Slider::RotaryVerticalDrag);
+        slider.setTextBoxStyle (juce::Slider::TextBoxBelow, false, 80, textBoxHeight);
+    }
+
+    void styleLabel (juce::Label& label, float fontHeight)
+    {
+        label.setFont (juce::Font (fontHeight, juce::Font::plain).withTypefaceStyle ("Regular"));
+        label.setJustificationType (juce::Justification::centredLeft);
+        label.setEditable (false, false, false);
+        label.setColour (juce::TextEditor::textColourId, juce::Colours::black);
+        label.setColour (juce::TextEditor::backgroundColourId, juce::Colour (0x00000000));
+    }
+}
+
+//==============================================================================
+juce::String QuendaAudioProcessorEditor::toFixedDecimals (double value, int decimals)
+{
+    if (! std::isfinite (value))
+        return juce::String (value);
+
+    // Rounded by hand: String (double, d) neither rounds halves away from zero nor keeps
+    // the sign of a negative value that rounds to zero.
+    const auto scaled = std::floor (std::abs (value) * std::pow (10.0, decimals) + 0.5);
+
+    char digits[400];
+    std::snprintf (digits, sizeof (digits), "%.0f", scaled);
+    auto text = juce::String (digits).paddedLeft ('0', decimals + 1);
+
+    if (decimals > 0)
+        text = text.dropLastCharacters (decimals) + "." + text.getLastCharacters (decimals);
+
+    return value < 0.0 ? "-" + text : text;
+}
+
+juce::String QuendaAudioProcessorEditor::mySlider::getTextFromValue (double value)
+{
+    return toFixedDecimals (value, 2) + getTextValueSuffix();
+}
+
+juce::String QuendaAudioProcessorEditor::my_freqSlider::getTextFromValue (double value)
+{
+    return toFixedDecimals (value, 1) + getTextValueSuffix();
+}
+
+QuendaAudioProcessorEditor::OtherLookAndFeel::OtherLookAndFeel()
+{
+    setColour (juce::Slider::thumbColourId, juce::Colour::fromString ("ffff8b00"));
+}
+
+void QuendaAudioProcessorEditor::Images::paint (juce::Graphics& g)
+{
+    g.fillAll (panelColour);
+}
+
+//==============================================================================
+QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
+    : juce::AudioProcessorEditor (p), processor (p)
+{
+    backgroundImage = juce::ImageCache::getFromMemory (BinaryData::background_png,
+                                                       BinaryData::background_pngSize);
+
+    titleGroup = std::make_unique<juce::GroupComponent> ("new group", TRANS ("Linear Quenda"));
+    addAndMakeVisible (titleGroup.get());
+
+    trimGroup = std::make_unique<juce::GroupComponent> ("new group", TRANS ("Trim"));
+    addAndMakeVisible (trimGroup.get());
+
+    tiltSlider = std::make_unique<mySlider> ("tilt_slider");
+    addAndMakeVisible (tiltSlider.get());
+    tiltSlider->setTooltip (TRANS ("Tilt\n"));
+    styleSlider (*tiltSlider, -1.0, 1.0, 20);
+    tiltSlider->addListener (this);
+
+    makerLabel = std::make_unique<juce::Label> ("dffd", TRANS ("Selvane\n"));
+    addAndMakeVisible (makerLabel.get());
+    styleLabel (*makerLabel, 15.0f);
+
+    // Lies outside the window; kept editable so a host's label editing still works on it.
+    tiltDisplay = std::make_unique<juce::Label> ("tilt_display", TRANS ("label text"));
+    addAndMakeVisible (tiltDisplay.get());
+    styleLabel (*tiltDisplay, 15.0f);
+    tiltDisplay->setEditable (true, true, false);
+    tiltDisplay->addListener (this);
+
+    // The button text is its name and stays untranslated.
+    bypassButton = std::make_unique<juce::ToggleButton> ("bypass");
+    addAndMakeVisible (bypassButton.get());
+    bypassButton->addListener (this);
+
+    lowGainCaption = std::make_unique<juce::Label> ("new label", TRANS ("low\n"));
+    addAndMakeVisible (lowGainCaption.get());
+    styleLabel (*lowGainCaption, 11.0f);
+    lowGainCaption->setColour (juce::Label::textColourId, juce::Colours::white);
+
+    tiltLowCaption = std::make_unique<juce::Label> ("new label", TRANS ("Low\n"));
+    addAndMakeVisible (tiltLowCaption.get());
+    styleLabel (*tiltLowCaption, 11.0f);
+    tiltLowCaption->setColour (juce::Label::textColourId, juce::Colour (0xffa6a6a6));
+
+    tiltHighCaption = std::make_unique<juce::Label> ("new label", TRANS ("High\n"));
+    addAndMakeVisible (tiltHighCaption.get());
+    styleLabel (*tiltHighCaption, 11.0f);
+    tiltHighCaption->setColour (juce::Label::textColourId, juce::Colour (0xffa6a6a6));
+
+    linPhaseButton = std::make_unique<juce::ToggleButton> ("lin_phase");
+    addAndMakeVisible (linPhaseButton.get());
+    linPhaseButton->setButtonText (TRANS ("linear phase"));
+    linPhaseButton->addListener (this);
+
+    dashCaption = std::make_unique<juce::Label> ("new label", TRANS ("-\n"));
+    addAndMakeVisible (dashCaption.get());
+    styleLabel (*dashCaption, 15.0f);
+
+    trimSlider = std::make_unique<mySlider> ("trim_slider");
+    addAndMakeVisible (trimSlider.get());
+    styleSlider (*trimSlider, -6.0, 6.0, 20);
+    trimSlider->addListener (this);
+
+    lowSlider = std::make_unique<mySlider> ("slider_low");
+    addAndMakeVisible (lowSlider.get());
+    styleSlider (*lowSlider, -6.0, 6.0, 16);
+    lowSlider->addListener (this);
+
+    highSlider = std::make_unique<mySlider> ("slider_high");
+    addAndMakeVisible (highSlider.get());
+    styleSlider (*highSlider, -3.0, 3.0, 16);
+    highSlider->addListener (this);
+
+    tiltUnitCaption = std::make_unique<juce::Label> ("new label", TRANS ("linear tilt [dB /oct.]\n"));
+    addAndMakeVisible (tiltUnitCaption.get());
+    styleLabel (*tiltUnitCaption, 12.0f);
+
+    highGainCaption = std::make_unique<juce::Label> ("new label", TRANS ("high\n"));
+    addAndMakeVisible (highGainCaption.get());
+    styleLabel (*highGainCaption, 11.0f);
+
+    lowFreqSlider = std::make_unique<my_freqSlider> ("low_freq_slider");
+    addAndMakeVisible (lowFreqSlider.get());
+    styleSlider (*lowFreqSlider, 20.0, 300.0, 16);
+    lowFreqSlider->setSkewFactor (0.5);
+    lowFreqSlider->addListener (this);
+
+    highFreqSlider = std::make_unique<my_freqSlider> ("high_freq_slider");
+    addAndMakeVisible (highFreqSlider.get());
+    styleSlider (*highFreqSlider, 3000.0, 15000.0, 16);
+    highFreqSlider->setSkewFactor (0.5);
+    highFreqSlider->addListener (this);
+
+    lowFreqCaption = std::make_unique<juce::Label> ("new label", TRANS ("low freq\n"));
+    addAndMakeVisible (lowFreqCaption.get());
+    styleLabel (*lowFreqCaption, 11.0f);
+    lowFreqCaption->setColour (juce::Label::textColourId, juce::Colours::white);
+
+    highFreqCaption = std::make_unique<juce::Label> ("new label", TRANS ("high freq"));
+    addAndMakeVisible (highFreqCaption.get());
+    styleLabel (*highFreqCaption, 11.0f);
+
+    // The editor has no look-and-feel of its own, so this greys the thumbs of every knob
+    // that uses the shared default; the tilt knob gets its own below.
+    getLookAndFeel().setColour (juce::Slider::thumbColourId, juce::Colour::fromString ("FF7B7B7B"));
+    tiltSlider->setLookAndFeel (&otherLookAndFeel);
+
+    controls.push_back (tiltSlider.get());
+    tiltDisplay->setText (toFixedDecimals (tiltSlider->getValue(), 2) + " dB/oct", juce::dontSendNotification);
+    controls.push_back (bypassButton.get());
+    controls.push_back (linPhaseButton.get());
+
+    setSize (600, 400);
+    setSize (700, 193);
+
+    tiltSlider->setDoubleClickReturnValue (true, 0.0);
+    trimSlider->setDoubleClickReturnValue (true, 0.0);
+    trimSlider->setTextValueSuffix (" dB");
+    lowSlider->setDoubleClickReturnValue (true, 0.0);
+    lowSlider->setTextValueSuffix (" dB");
+    highSlider->setDoubleClickReturnValue (true, 0.0);
+    highSlider->setTextValueSuffix (" dB");
+    lowFreqSlider->setDoubleClickReturnValue (true, 150.0);
+    lowFreqSlider->setTextValueSuffix (" Hz");
+    highFreqSlider->setDoubleClickReturnValue (true, 4500.0);
+    highFreqSlider->setTextValueSuffix (" Hz");
+
+    controls.push_back (trimSlider.get());
+    controls.push_back (lowSlider.get());
+    controls.push_back (highSlider.get());
+    controls.push_back (lowFreqSlider.get());
+    controls.push_back (highFreqSlider.get());
+
+    startTimer (50);
+}
+
+QuendaAudioProcessorEditor::~QuendaAudioProcessorEditor()
+{
+    stopTimer();
+    controls.clear();
+
+    titleGroup.reset();
+    trimGroup.reset();
+    tiltSlider.reset();
+    makerLabel.reset();
+    tiltDisplay.reset();
+    bypassButton.reset();
+    lowGainCaption.reset();
+    tiltLowCaption.reset();
+    tiltHighCaption.reset();
+    linPhaseButton.reset();
+    dashCaption.reset();
+    trimSlider.reset();
+    lowSlider.reset();
+    highSlider.reset();
+    tiltUnitCaption.reset();
+    highGainCaption.reset();
+    lowFreqSlider.reset();
+    highFreqSlider.reset();
+    lowFreqCaption.reset();
+    highFreqCaption.reset();
+}
+
+//==============================================================================
+void QuendaAudioProcessorEditor::paint (juce::Graphics& g)
+{
+    g.fillAll (panelColour);
+
+    // The picture carries a few spare pixels right and below; only this corner is shown.
+    if (backgroundImage.isValid())
+        g.drawImage (backgroundImage, 0, 0, 700, 193, 0, 0, 700, 193);
+}
+
+void QuendaAudioProcessorEditor::resized()
+{
+    titleGroup->setBounds (0, 1, 697, 192);
+    trimGroup->setBounds (576, 14, 111, 118);
+    tiltSlider->setBounds (14, 19, 391, 136);
+    makerLabel->setBounds (572, 167, 120, 24);
+    tiltDisplay->setBounds (843, 101, 96, 24);
+    bypassButton->setBounds (8, 27, 104, 24);
+    lowGainCaption->setBounds (339, 21, 30, 24);
+    tiltLowCaption->setBounds (275, 107, 150, 24);
+    tiltHighCaption->setBounds (137, 107, 32, 24);
+    linPhaseButton->setBounds (9, 54, 150, 24);
+    dashCaption->setBounds (153, 133, 17, 24);
+    trimSlider->setBounds (574, 27, 111, 94);
+    lowSlider->setBounds (354, 20, 70, 80);
+    highSlider->setBounds (467, 20, 70, 80);
+    tiltUnitCaption->setBounds (158, 159, 133, 24);
+    highGainCaption->setBounds (454, 22, 36, 24);
+    lowFreqSlider->setBounds (354, 100, 70, 80);
+    highFreqSlider->setBounds (467, 100, 70, 80);
+    lowFreqCaption->setBounds (322, 139, 55, 24);
+    highFreqCaption->setBounds (430, 138, 57, 24);
+}
+
+//==============================================================================
+void QuendaAudioProcessorEditor::timerCallback()
+{
+    const auto& parameters = getAudioProcessor()->getParameters();
+
+    for (size_t i = 0; i < controls.size() && i < (size_t) parameters.size(); ++i)
+    {
+        auto* parameter = parameters[(int) i];
+
+        if (auto* slider = dynamic_cast<juce::Slider*> (controls[i]))
+        {
+            if (auto* plain = dynamic_cast<PlainFloatParameter*> (parameter))
+                slider->setValue (plain->get(), juce::dontSendNotification);
+        }
+        else if (auto* button = dynamic_cast<juce::Button*> (controls[i]))
+        {
+            button->setToggleState (parameter->getValue() >= 0.5f, juce::dontSendNotification);
+        }
+    }
+}
+
+void QuendaAudioProcessorEditor::sliderValueChanged (juce::Slider* slider)
+{
+    auto* parameter = floatParameterFor (slider);
+
+    if (parameter == nullptr)
+        return;
+
+    const auto value = (float) slider->getValue();
+
+    if (value == parameter->get())
+        return;
+
+    // No gesture: hosts see a plain stream of values while a knob is dragged.
+    parameter->setValueNotifyingHost (parameter->toNormalised (value));
+}
+
+void QuendaAudioProcessorEditor::buttonClicked (juce::Button* button)
+{
+    if (button != bypassButton.get() && button != linPhaseButton.get())
+        return;
+
+    auto* parameter = boolParameterFor (button);
+
+    if (parameter == nullptr)
+        return;
+
+    const auto on = button->getToggleState();
+
+    parameter->beginChangeGesture();
+
+    if (parameter->get() != on)
+        parameter->setValueNotifyingHost (on ? 1.0f : 0.0f);
+
+    parameter->endChangeGesture();
+}
+
+//==============================================================================
+juce::AudioProcessorParameter* QuendaAudioProcessorEditor::parameterFor (const juce::Component* control) const
+{
+    const auto found = std::find (controls.begin(), controls.end(), control);
+
+    if (found == controls.end())
+        return nullptr;
+
+    const auto index = (int) std::distance (controls.begin(), found);
+    const auto& parameters = getAudioProcessor()->getParameters();
+
+    return juce::isPositiveAndBelow (index, parameters.size()) ? parameters[index] : nullptr;
+}
+
+PlainFloatParameter* QuendaAudioProcessorEditor::floatParameterFor (const juce::Component* control) const
+{
+    return dynamic_cast<PlainFloatParameter*> (parameterFor (control));
+}
+
+juce::AudioParameterBool* QuendaAudioProcessorEditor::boolParameterFor (const juce::Component* control) const
+{
+    return dynamic_cast<juce::AudioParameterBool*> (parameterFor (control));
+}

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <juce_audio_processors/juce_audio_processors.h>
+
+#include <memory>
+#include <vector>
+
+class QuendaAudioProcessor;
+class PlainFloatParameter;
+
+/** The plug-in window: a fixed 700 x 193 panel of knobs, switches and captions over the
+    background picture. Controls follow the parameters by a 50 ms poll and write user edits
+    straight back; controls and parameters are matched by position in `controls`.
+*/
+class QuendaAudioProcessorEditor : public juce::AudioProcessorEditor,
+                                   public juce::Timer,
+                                   public juce::Slider::Listener,
+                                   public juce::Label::Listener,
+                                   public juce::Button::Listener
+{
+public:
+    explicit QuendaAudioProcessorEditor (QuendaAudioProcessor&);
+    ~QuendaAudioProcessorEditor() override;
+
+    void paint (juce::Graphics&) override;
+    void resized() override;
+
+    void timerCallback() override;
+
+    void sliderValueChanged (juce::Slider*) override;
+    void sliderDragStarted (juce::Slider*) override {}
+    void sliderDragEnded (juce::Slider*) override {}
+    void buttonClicked (juce::Button*) override;
+    void labelTextChanged (juce::Label*) override {}
+
+    /** Fixed-point text of a value: d decimals, halves away from zero, and a minus sign on
+        any negative value, even one that rounds to zero. */
+    static juce::String toFixedDecimals (double value, int decimals);
+
+    /** Two-decimal value text (gains and tilt). */
+    class mySlider : public juce::Slider
+    {
+    public:
+        using juce::Slider::Slider;
+        juce::String getTextFromValue (double value) override;
+    };
+
+    /** One-decimal value text in Hz; never switches to kHz. */
+    class my_freqSlider : public juce::Slider
+    {
+    public:
+        using juce::Slider::Slider;
+        juce::String getTextFromValue (double value) override;
+    };
+
+    /** Gives the tilt knob its orange thumb; everything else is the stock V4 look. */
+    class OtherLookAndFeel : public juce::LookAndFeel_V4
+    {
+    public:
+        OtherLookAndFeel();
+    };
+
+    /** A plain filled panel in the editor's background colour. */
+    class Images : public juce::Component
+    {
+    public:
+        void paint (juce::Graphics&) override;
+        void resized() override {}
+    };
+
+    /** The controls in parameter order: entry i edits and shows parameter i. */
+    const std::vector<juce::Component*>& getControls() const noexcept { return controls; }
+
+private:
+    PlainFloatParameter* floatParameterFor (const juce::Component*) const;
+    juce::AudioParameterBool* boolParameterFor (const juce::Component*) const;
+    juce::AudioProcessorParameter* parameterFor (const juce::Component*) const;
+
+    QuendaAudioProcessor& processor;
+    std::vector<juce::Component*> controls;
+    OtherLookAndFeel otherLookAndFeel;
+    juce::Image backgroundImage;
+
+    // Declaration order is creation, stacking and deletion order. The destructor deletes
+    // them first to last, so the tilt slider is gone before otherLookAndFeel.
+    std::unique_ptr<juce::GroupComponent> titleGroup;
+    std::unique_ptr<juce::GroupComponent> trimGroup;
+    std::unique_ptr<mySlider> tiltSlider;
+    std::unique_ptr<juce::Label> makerLabel;
+    std::unique_ptr<juce::Label> tiltDisplay;
+    std::unique_ptr<juce::ToggleButton> bypassButton;
+    std::unique_ptr<juce::Label> lowGainCaption;
+    std::unique_ptr<juce::Label> tiltLowCaption;
+    std::unique_ptr<juce::Label> tiltHighCaption;
+    std::unique_ptr<juce::ToggleButton> linPhaseButton;
+    std::unique_ptr<juce::Label> dashCaption;
+    std::unique_ptr<mySlider> trimSlider;
+    std::unique_ptr<mySlider> lowSlider;
+    std::unique_ptr<mySlider> highSlider;
+    std::unique_ptr<juce::Label> tiltUnitCaption;
+    std::unique_ptr<juce::Label> highGainCaption;
+    std::unique_ptr<my_freqSlider> lowFreqSlider;
+    std::unique_ptr<my_freqSlider> highFreqSlider;
+    std::unique_ptr<juce::Label> lowFreqCaption;
+    std::unique_ptr<juce::Label> highFreqCaption;
+
+    JUCE_DECLARE_NON_COPYABLE_WITH_LEAK_DETECTOR (QuendaAudioProcessorEditor)
+};
