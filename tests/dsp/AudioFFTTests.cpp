@@ -58,27 +58,6 @@ namespace
     const size_t sizes[] = { 8, 9, 16, 64, 1000, 1024, 8192 };
 }
 
-TEST (FFTW3FFT, SizesAndBinCounts)
-{
-    FFTW3FFT fft;
-    EXPECT_EQ (fft.size(), 0);
-    EXPECT_EQ (fft.complexSize(), 0u);
-
-    fft.init (8);
-    EXPECT_EQ (fft.size(), 8);
-    EXPECT_EQ (fft.complexSize(), 5u);
-
-    fft.init (9);
-    EXPECT_EQ (fft.size(), 9);
-    EXPECT_EQ (fft.complexSize(), 5u);
-
-    fft.init (0);
-    EXPECT_EQ (fft.size(), 0);
-    EXPECT_EQ (fft.complexSize(), 0u);
-    fft.init (0);   // empty stays empty; the destructor then has nothing to do
-    EXPECT_EQ (fft.size(), 0);
-}
-
 TEST (FFTW3FFT, ForwardTransformsMatchADirectDft)
 {
     for (size_t n : sizes)
@@ -113,38 +92,9 @@ TEST (FFTW3FFT, ForwardTransformsMatchADirectDft)
     }
 }
 
-TEST (FFTW3FFT, InverseTransformsAreScaledByOneOverN)
-{
-    // A single bin k of value 1 (and its mirror) is cos (2 pi k t / N) * 2 / N.
-    for (size_t n : { (size_t) 16, (size_t) 9, (size_t) 2048 })
-    {
-        SCOPED_TRACE (n);
-        FFTW3FFT fft;
-        fft.init (n);
-        const size_t k = 3;
-
-        std::vector<Cf> bins (n / 2 + 1);
-        bins[k] = Cf (1.0f, 0.0f);
-        std::vector<float> re (n / 2 + 1), im (n / 2 + 1);
-        re[k] = 1.0f;
-
-        std::vector<float> viaPointer (n), viaVector (n), viaSplit (n);
-        fft.ifft (viaPointer.data(), bins.data());
-        fft.ifft (viaVector.data(), bins);
-        fft.ifft (viaSplit.data(), re.data(), im.data());
-
-        for (size_t t = 0; t < n; ++t)
-        {
-            const double expected = 2.0 * std::cos (2.0 * pi * (double) ((k * t) % n) / (double) n) / (double) n;
-            EXPECT_NEAR (viaPointer[t], expected, 1e-6);
-            EXPECT_NEAR (viaVector[t], expected, 1e-6);
-            EXPECT_NEAR (viaSplit[t], expected, 1e-6);
-        }
-    }
-}
-
 TEST (FFTW3FFT, RoundTripsReproduceTheInput)
 {
+    // With the forward transform matching the DFT, this pins the inverse's 1/N scale.
     for (size_t n : sizes)
     {
         SCOPED_TRACE (n);
@@ -152,12 +102,15 @@ TEST (FFTW3FFT, RoundTripsReproduceTheInput)
         fft.init (n);
         const auto x = randomSignal (n, 7u + (unsigned) n);
 
+        // One sample off the allocator's alignment: only the wrapper's own buffers reach FFTW.
         std::vector<Cf> bins (n / 2 + 1);
-        std::vector<float> back (n);
+        std::vector<float> back (n + 1);
         fft.fft (x.data(), bins);
-        fft.ifft (back.data(), bins);
+        const auto binsBefore = bins;
+        fft.ifft (back.data() + 1, bins);
+        EXPECT_EQ (bins, binsBefore);
         for (size_t t = 0; t < n; ++t)
-            EXPECT_NEAR (back[t], x[t], 2e-6) << t;
+            EXPECT_NEAR (back[t + 1], x[t], 2e-6) << t;
 
         std::vector<float> re (n / 2 + 1), im (n / 2 + 1), splitBack (n);
         fft.fft (x.data(), re.data(), im.data());
@@ -167,61 +120,39 @@ TEST (FFTW3FFT, RoundTripsReproduceTheInput)
     }
 }
 
-TEST (FFTW3FFT, CallerMemoryIsNeverHandedToFftw)
-{
-    // Unaligned caller pointers, and an inverse whose input must survive (c2r
-    // overwrites its own input buffer).
-    const size_t n = 256;
-    FFTW3FFT fft;
-    fft.init (n);
-    const auto x = randomSignal (n + 1, 3);
-    std::vector<float> offsetInput (x);
-
-    std::vector<Cf> aligned (n / 2 + 1);
-    fft.fft (x.data() + 1, aligned.data());
-
-    std::vector<float> re (n / 2 + 2), im (n / 2 + 2);
-    fft.fft (offsetInput.data() + 1, re.data() + 1, im.data() + 1);
-    EXPECT_EQ (offsetInput, x);
-
-    for (size_t k = 0; k < n / 2 + 1; ++k)
-    {
-        EXPECT_NEAR (re[k + 1], aligned[k].real(), 1e-4);
-        EXPECT_NEAR (im[k + 1], aligned[k].imag(), 1e-4);
-    }
-
-    const auto binsBefore = aligned;
-    std::vector<float> out (n + 1);
-    fft.ifft (out.data() + 1, aligned);
-    EXPECT_EQ (aligned, binsBefore);
-
-    for (size_t t = 0; t < n; ++t)
-        EXPECT_NEAR (out[t + 1], x[t + 1], 2e-6);
-}
-
-TEST (FFTW3FFT, ReinitialisingKeepsOrRebuilds)
+TEST (FFTW3FFT, InitKeepsRebuildsOrEmpties)
 {
     FFTW3FFT fft;
+    EXPECT_EQ (fft.size(), 0);
+    fft.init (0);   // nothing to release
+    EXPECT_EQ (fft.size(), 0);
+
+    fft.init (9);
+    EXPECT_EQ (fft.complexSize(), 5u);
+    fft.init (8);
+    EXPECT_EQ (fft.complexSize(), 5u);
+
     const auto x = randomSignal (1024, 11);
     std::vector<Cf> first (513), again (513);
-
     fft.init (1024);
+    EXPECT_EQ (fft.size(), 1024);
     fft.fft (x.data(), first);
     fft.init (1024);
     fft.fft (x.data(), again);
     EXPECT_EQ (first, again);
 
-    // Down to a smaller size and back: still a correct transform of each size.
+    // Released and rebuilt at another size, then emptied and rebuilt.
     fft.init (64);
     std::vector<Cf> small (33);
-    const std::vector<float> head (x.begin(), x.begin() + 64);
-    fft.fft (head.data(), small);
-    expectMatchesDft (small, directDft (head), 64);
+    fft.fft (x.data(), small);
+    expectMatchesDft (small, directDft (std::vector<float> (x.begin(), x.begin() + 64)), 64);
 
     fft.init (0);
+    EXPECT_EQ (fft.size(), 0);
+    EXPECT_EQ (fft.complexSize(), 0u);
     fft.init (1024);
     fft.fft (x.data(), again);
-    expectMatchesDft (again, directDft (x), 1024);
+    EXPECT_EQ (first, again);
 }
 
 TEST (FFTW3FFT, ConcurrentInitialisationFromSeveralThreads)
