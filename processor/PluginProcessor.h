@@ -3,6 +3,9 @@
 
 #include "PlainParameter.h"
 #include "StateBlock.h"
+#include "processor/Biquad.h"
+#include "processor/TiltEngine.h"
+#include "platform/NamedSemaphore.h"
 
 #include <juce_audio_processors/juce_audio_processors.h>
 
@@ -57,8 +60,45 @@ public:
     /** The current values of all eight parameters, in index order. */
     StateBlock::Values getParameterValues() const;
 
+    /** Re-applies the shelf settings (type, Q, corner, gain, rate) without touching the
+        tilt, the trim or the gain glides. */
+    void configureShelves();
+
+    /** Names of the locks shared by all instances of the user. */
+    static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";
+    static constexpr const char* filtersLockName = "Local\\SelvaneComputeFilters_semaphore";
+
+    /** Latency added while linear phase is on: the kernel's centre. */
+    static constexpr int linearPhaseLatency = TiltEngine::linearPhaseDelay;
+
 private:
-    void handleAsyncUpdate() override {}
+    /** A shelf gain's glide over one block, in dB. */
+    struct GainSmoother
+    {
+        float target = 0.0f;
+        float previous = 0.0f;
+        float current = 0.0f;
+        double increment = 0.0;
+    };
+
+    void handleAsyncUpdate() override;
+
+    /** Sizes the engine for blocks of up to blockSize samples and asks for new kernels. */
+    void prepareEngine (int maximumBlockSize);
+
+    /** Runs computeFilters() at once in the one host that needs it, otherwise on the
+        message thread. */
+    void requestFilterComputation();
+
+    /** Designs the kernels for the current sample rate, under the engine lock. */
+    void computeFilters();
+
+    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
+    void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
+    void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
+
+    // Low shelf of channels 0 and 1, then high shelf of channels 0 and 1.
+    Biquad filters[4];
 
     PlainFloatParameter* addFloatParameter (const juce::String& id, const juce::String& name,
                                             float defaultValue, juce::NormalisableRange<float> displayRange);
@@ -73,7 +113,20 @@ private:
     PlainFloatParameter* lowFreq = nullptr;
     PlainFloatParameter* highFreq = nullptr;
 
+    GainSmoother smoothers[4];
+    bool latencyIsLinear = false;
+
+    TiltEngine engine;
+    bool filtersReady = false;          // guarded by filtersLock
     int baseLatency = 0;
+
+    double previousTilt = 0.0;
+    float previousTrimDb = 0.0f;
+    double preparedSampleRate = 0.0;
+
+    const bool computeOnRequestingThread;
+    platform::NamedSemaphore& engineLock;
+    platform::NamedSemaphore& filtersLock;
 
     JUCE_DECLARE_NON_COPYABLE_WITH_LEAK_DETECTOR (QuendaAudioProcessor)
 };

@@ -80,7 +80,9 @@ TEST (StateBlock, FloatsAreWrittenWithTwentySignificantDigits)
     const auto* previous = std::setlocale (LC_NUMERIC, nullptr);
     const std::string saved = previous != nullptr ? previous : "C";
     if (std::setlocale (LC_NUMERIC, "de_DE.UTF-8") != nullptr)
+    {
         EXPECT_EQ ("-0.37000000476837158203", StateBlock::formatDouble ((double) -0.37f).toStdString());
+    }
     std::setlocale (LC_NUMERIC, saved.c_str());
 }
 
