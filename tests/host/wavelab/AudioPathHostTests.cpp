@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Quenda.so's output through the VST2 ABI against the reference model. This program's name
+// contains "wavelab", so the plug-in computes its kernels inside the block that asks for
+// them and every block is deterministic.
+
+#include "../HostSession.h"
+
+TEST (AudioPath, SteadyTiltInBothPhaseModes)
+{
+    for (float linPhase : { 0.0f, 1.0f })
+    {
+        for (float tilt : { 0.7f, -0.6f, 1.0f })
+        {
+            Settings settings;
+            settings.tilt = tilt;
+            settings.linPhase = linPhase;
+            Session session (512, settings);
+
+            for (int b = 0; b < 6; ++b)
+                session.block (512, linPhase > 0 ? "linear phase" : "minimum phase");
+        }
+    }
+}
+
+TEST (AudioPath, TiltGlidingThroughZeroAndSwitchingPhaseMode)
+{
+    Session session (256);
+    const float tilts[] = { 0.0f, 0.5f, 0.5f, -0.5f, -0.5f, 0.0f, 0.0f, 0.8f, -1.0f, 0.3f };
+
+    for (int b = 0; b < 10; ++b)
+    {
+        session.settings.tilt = tilts[b];
+        session.settings.linPhase = (b >= 3 && b < 7) ? 1.0f : 0.0f;
+        session.block (256, "glide");
+    }
+}
+
+TEST (AudioPath, ShelvesCornersAndTrimChangingMidStream)
+{
+    Settings settings;
+    settings.tilt = 0.4f;
+    Session session (512, settings);
+
+    struct Change { float low, high, lowFreq, highFreq, trim; };
+    const Change changes[] = { { 0, 0, 150, 4500, 0 },   { 6, 0, 150, 4500, 0 },      { 6, -3, 150, 4500, -2 },
+                               { 6, -3, 40, 4500, -2 },  { -4.5f, 3, 300, 12000, 5 }, { -4.5f, 3, 300, 12000, 5 },
+                               { 0, 0, 90, 3000, 0 },    { 2, 1.5f, 0.5f, 20000, 1 } };
+
+    for (const auto& change : changes)
+    {
+        session.settings.low = change.low;
+        session.settings.high = change.high;
+        session.settings.lowFreq = change.lowFreq;
+        session.settings.highFreq = change.highFreq;
+        session.settings.trim = change.trim;
+        session.block (512, "shelves");
+    }
+}
+
+TEST (AudioPath, BypassGlidesEverythingToNeutralAndBack)
+{
+    Settings settings;
+    settings.tilt = -0.8f;
+    settings.low = 4;
+    settings.high = -2;
+    settings.trim = 3;
+    settings.linPhase = 1;
+    Session session (512, settings);
+
+    for (int b = 0; b < 9; ++b)
+    {
+        session.settings.bypass = (b >= 3 && b < 6) ? 1.0f : 0.0f;
+        session.block (512, "bypass");
+    }
+}
+
+TEST (AudioPath, IrregularBlockSizesIncludingSingleSamples)
+{
+    Settings settings;
+    settings.tilt = 0.5f;
+    settings.low = 3;
+    Session session (512, settings);
+
+    const int sizes[] = { 512, 100, 1, 37, 512, 1, 1, 300, 511, 64 };
+    int b = 0;
+    for (auto n : sizes)
+    {
+        session.settings.tilt = (b % 3 == 0) ? -0.5f : 0.5f;
+        session.settings.linPhase = (b >= 5) ? 1.0f : 0.0f;
+        session.block (n, "irregular");
+        ++b;
+    }
+}
+
+TEST (AudioPath, ABlockLongerThanDeclaredIsSilentOnceThenProcessingGoesOn)
+{
+    Settings settings;
+    settings.tilt = 0.6f;
+    Session session (256, settings);
+
+    for (auto n : { 256, 256, 1000, 1000, 256, 700 })
+        session.block (n, "longer block");
+}
+
+TEST (AudioPath, FirstBlockAfterASampleRateChangeIsLeftDry)
+{
+    Settings settings;
+    settings.tilt = 0.9f;
+    settings.high = 2;
+    Session session (512, settings);
+
+    for (int b = 0; b < 3; ++b)
+        session.block (512, "48 kHz");
+
+    session.plugin.stop();
+    session.plugin.start (44100.0f, 512);
+    session.model.start (44100.0, 512, session.settings);
+
+    for (int b = 0; b < 4; ++b)
+        session.block (512, "44.1 kHz");
+}
