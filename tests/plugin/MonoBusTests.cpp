@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// A one-channel bus: only channel 0 is processed, and bypass leaves the high shelf's gain.
+
+#include "processor/PluginProcessor.h"
+
+#include <gtest/gtest.h>
+#include <cmath>
+
+namespace
+{
+    /** Level in dB of a sine run through the processor, measured over its last block. */
+    double sineGainDb (QuendaAudioProcessor& processor, int numChannels, double frequency, int blocks)
+    {
+        constexpr int blockSize = 512;
+        juce::AudioBuffer<float> buffer (numChannels, blockSize);
+        juce::MidiBuffer midi;
+        double phase = 0, inputEnergy = 0, outputEnergy = 0;
+
+        for (int b = 0; b < blocks; ++b)
+        {
+            inputEnergy = outputEnergy = 0;
+            for (int i = 0; i < blockSize; ++i, phase += frequency / 48000.0)
+                for (int c = 0; c < numChannels; ++c)
+                    buffer.setSample (c, i, 0.5f * (float) std::sin (2.0 * juce::MathConstants<double>::pi * phase));
+
+            for (int i = 0; i < blockSize; ++i)
+                inputEnergy += buffer.getSample (0, i) * (double) buffer.getSample (0, i);
+
+            processor.processBlock (buffer, midi);
+            processor.handleUpdateNowIfNeeded();
+
+            for (int i = 0; i < blockSize; ++i)
+                outputEnergy += buffer.getSample (0, i) * (double) buffer.getSample (0, i);
+        }
+
+        return 10.0 * std::log10 (outputEnergy / inputEnergy);
+    }
+
+    void set (QuendaAudioProcessor& processor, int index, float value)
+    {
+        processor.getParameters()[index]->setValueNotifyingHost (value);
+    }
+}
+
+TEST (MonoBus, BypassTakesTheLowShelfToNeutralButKeepsTheHighShelf)
+{
+    for (int numChannels : { 1, 2 })
+    {
+        QuendaAudioProcessor processor;
+        ASSERT_TRUE (processor.setBusesLayout ({ { juce::AudioChannelSet::canonicalChannelSet (numChannels) },
+                                                 { juce::AudioChannelSet::canonicalChannelSet (numChannels) } }));
+        processor.setRateAndBufferSizeDetails (48000.0, 512);
+        set (processor, QuendaAudioProcessor::highIndex, 3.0f);
+        set (processor, QuendaAudioProcessor::lowIndex, 6.0f);
+        processor.prepareToPlay (48000.0, 512);
+
+        // Well above the high corner and far from the low one.
+        EXPECT_NEAR (3.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
+        EXPECT_GT (sineGainDb (processor, numChannels, 30.0, 40), 4.5) << numChannels;
+
+        set (processor, QuendaAudioProcessor::bypassIndex, 1.0f);
+        EXPECT_NEAR (numChannels == 1 ? 3.0 : 0.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
+        EXPECT_NEAR (0.0, sineGainDb (processor, numChannels, 30.0, 40), 0.3) << numChannels;
+    }
+}
