@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What the plug-in costs: CPU time per second of stereo 48 kHz audio through processBlock,
+// and the time of one kernel computation.
+
+#include "processor/PluginProcessor.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <string>
+
+namespace
+{
+    constexpr double sampleRate = 48000.0;
+
+    enum class Tilt { zero, gliding, positive, negative };
+
+    const char* nameOf (Tilt tilt)
+    {
+        switch (tilt)
+        {
+            case Tilt::zero:      return "0";
+            case Tilt::gliding:   return "gliding";
+            case Tilt::positive:  return "+0.7";
+            case Tilt::negative:  return "-0.7";
+        }
+
+        return "";
+    }
+
+    /** A processor past its silent and dry first blocks and its first kernel computation. */
+    struct ReadyProcessor
+    {
+        ReadyProcessor (int blockSize, bool linearPhase)
+            : input (2, blockSize), buffer (2, blockSize)
+        {
+            set (QuendaAudioProcessor::linPhaseIndex, linearPhase ? 1.0f : 0.0f);
+            processor.setPlayConfigDetails (2, 2, sampleRate, blockSize);
+            processor.prepareToPlay (sampleRate, blockSize);
+
+            for (int block = 0; block < 2; ++block)
+                processor.processBlock (buffer, midi);
+
+            processor.handleUpdateNowIfNeeded();
+
+            juce::Random random (1);
+            for (int channel = 0; channel < 2; ++channel)
+                for (int i = 0; i < blockSize; ++i)
+                    input.setSample (channel, i, random.nextFloat() - 0.5f);
+        }
+
+        void set (int index, float value)  { processor.getParameters()[index]->setValue (value); }
+
+        /** Fresh input every block: feeding the output back would drift into denormals or overflow. */
+        void processBlock()
+        {
+            for (int channel = 0; channel < 2; ++channel)
+                buffer.copyFrom (channel, 0, input, channel, 0, input.getNumSamples());
+
+            processor.processBlock (buffer, midi);
+        }
+
+        // The kernel computation is posted to the message thread, which must exist.
+        juce::ScopedJuceInitialiser_GUI juceInitialiser;
+        QuendaAudioProcessor processor;
+        juce::AudioBuffer<float> input, buffer;
+        juce::MidiBuffer midi;
+    };
+
+    void processAudio (benchmark::State& state, int blockSize, Tilt tilt, bool linearPhase)
+    {
+        ReadyProcessor ready (blockSize, linearPhase);
+        ready.set (QuendaAudioProcessor::tiltIndex, tilt == Tilt::positive ? 0.7f : tilt == Tilt::negative ? -0.7f : 0.0f);
+
+        // Lets the first block's glide from the old tilt pass before measuring.
+        ready.processBlock();
+        int block = 0;
+
+        for (auto _ : state)
+        {
+            if (tilt == Tilt::gliding)
+                ready.set (QuendaAudioProcessor::tiltIndex, 0.7f * std::sin (0.05f * (float) ++block));
+
+            ready.processBlock();
+            benchmark::DoNotOptimize (ready.buffer.getReadPointer (0));
+        }
+
+        state.SetItemsProcessed (state.iterations() * blockSize);
+
+        // Audio seconds per CPU second, inverted: the share of one core that real time needs.
+        state.counters["cpu_per_audio_second"] = benchmark::Counter (blockSize / sampleRate,
+                                                                     benchmark::Counter::kIsIterationInvariantRate
+                                                                         | benchmark::Counter::kInvert);
+    }
+
+    /** One kernel computation, as the message thread runs it after a change of sample rate. */
+    void computeKernels (benchmark::State& state)
+    {
+        const auto blockSize = (int) state.range (0);
+        ReadyProcessor ready (blockSize, true);
+
+        for (auto _ : state)
+        {
+            ready.processor.triggerAsyncUpdate();
+            ready.processor.handleUpdateNowIfNeeded();
+        }
+
+        state.counters["fft_size"] = TiltEngine::fftSizeFor (blockSize);
+    }
+
+    const bool registered = []
+    {
+        for (auto linearPhase : { false, true })
+        {
+            for (auto tilt : { Tilt::zero, Tilt::gliding, Tilt::positive, Tilt::negative })
+            {
+                for (auto blockSize : { 32, 64, 128, 256, 512, 1024, 2048 })
+                {
+                    const auto name = std::string ("process/linear_phase:") + (linearPhase ? "on" : "off")
+                                    + "/tilt:" + nameOf (tilt) + "/block:" + std::to_string (blockSize);
+
+                    benchmark::RegisterBenchmark (name.c_str(), processAudio, blockSize, tilt, linearPhase)
+                        ->Unit (benchmark::kMicrosecond)
+                        ->MinTime (0.2);
+                }
+            }
+        }
+
+        benchmark::RegisterBenchmark ("computeKernels", computeKernels)
+            ->ArgName ("block")->Arg (512)->Arg (2048)
+            ->Unit (benchmark::kMillisecond)
+            ->MinTime (0.5);
+
+        return true;
+    }();
+}
