@@ -1,0 +1,423 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AudioFiles.h"
+#include "CliError.h"
+#include "Interrupt.h"
+
+#include <FLAC/stream_decoder.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quenda::cli
+{
+/** Notes whether any read came back short. JUCE's WAV and AIFF readers fill a missing
+    tail with silence, so a truncated file would otherwise render without complaint. */
+class ShortReadWatch : public juce::InputStream
+{
+public:
+    explicit ShortReadWatch (std::unique_ptr<juce::InputStream> source) : stream (std::move (source)) {}
+
+    juce::int64 getTotalLength() override           { return stream->getTotalLength(); }
+    bool isExhausted() override                     { return stream->isExhausted(); }
+    juce::int64 getPosition() override              { return stream->getPosition(); }
+    bool setPosition (juce::int64 position) override { return stream->setPosition (position); }
+
+    int read (void* destination, int maxBytes) override
+    {
+        const auto got = stream->read (destination, maxBytes);
+
+        if (got < maxBytes)
+            shortRead = true;
+
+        return got;
+    }
+
+    bool shortRead = false;
+
+private:
+    std::unique_ptr<juce::InputStream> stream;
+};
+
+namespace
+{
+    juce::String systemError()
+    {
+        return std::strerror (errno);
+    }
+
+    /** JUCE's FLAC reader ignores decoder errors and pads with silence; libFLAC itself
+        tells a damaged or truncated stream by its sample count and MD5 signature. */
+    juce::String checkFlacStream (const juce::File& file)
+    {
+        struct Check
+        {
+            FLAC__uint64 expected = 0, decoded = 0;
+            bool damaged = false;
+        } check;
+
+        const auto write = [] (const FLAC__StreamDecoder*, const FLAC__Frame* frame, const FLAC__int32* const[], void* data)
+        {
+            static_cast<Check*> (data)->decoded += frame->header.blocksize;
+            return FLAC__STREAM_DECODER_WRITE_STATUS_CONTINUE;
+        };
+
+        const auto metadata = [] (const FLAC__StreamDecoder*, const FLAC__StreamMetadata* block, void* data)
+        {
+            if (block->type == FLAC__METADATA_TYPE_STREAMINFO)
+                static_cast<Check*> (data)->expected = block->data.stream_info.total_samples;
+        };
+
+        const auto error = [] (const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus, void* data)
+        {
+            static_cast<Check*> (data)->damaged = true;
+        };
+
+        std::unique_ptr<FLAC__StreamDecoder, decltype (&FLAC__stream_decoder_delete)>
+            decoder (FLAC__stream_decoder_new(), &FLAC__stream_decoder_delete);
+
+        if (decoder == nullptr)
+            return "out of memory";
+
+        FLAC__stream_decoder_set_md5_checking (decoder.get(), true);
+
+        if (FLAC__stream_decoder_init_file (decoder.get(), file.getFullPathName().toRawUTF8(),
+                                            write, metadata, error, &check) != FLAC__STREAM_DECODER_INIT_STATUS_OK)
+            return "cannot be opened for decoding";
+
+        const auto finished = FLAC__stream_decoder_process_until_end_of_stream (decoder.get());
+        const auto md5Matches = FLAC__stream_decoder_finish (decoder.get());
+
+        if (check.expected != 0 && check.decoded < check.expected)
+            return "is truncated: " + juce::String ((juce::int64) check.decoded) + " of "
+                   + juce::String ((juce::int64) check.expected) + " samples decode";
+
+        if (! finished || check.damaged)
+            return "is damaged (FLAC decoding errors)";
+
+        if (! md5Matches)
+            return "is damaged (the audio does not match its MD5 signature)";
+
+        return {};
+    }
+
+    std::vector<std::unique_ptr<juce::AudioFormat>> inputFormatsFor (const juce::File& file)
+    {
+        std::vector<std::unique_ptr<juce::AudioFormat>> formats;
+        formats.push_back (std::make_unique<juce::WavAudioFormat>());
+        formats.push_back (std::make_unique<juce::AiffAudioFormat>());
+        formats.push_back (std::make_unique<juce::FlacAudioFormat>());
+
+        // The extension's format first; the others still get a try, by content.
+        std::stable_partition (formats.begin(), formats.end(),
+                               [&] (auto& format) { return format->canHandleFile (file); });
+        return formats;
+    }
+}
+
+//==============================================================================
+InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
+{
+    if (! file.exists())
+        throw CliError (ExitCode::inputUnreadable, quoted (file) + ": no such file");
+
+    if (file.isDirectory())
+        throw CliError (ExitCode::inputUnreadable, quoted (file) + " is a folder, not an audio file");
+
+    auto stream = std::make_unique<juce::FileInputStream> (file);
+
+    if (stream->failedToOpen())
+        throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
+
+    auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
+
+    for (auto& format : inputFormatsFor (file))
+    {
+        watched->setPosition (0);
+
+        if (auto* opened = format->createReaderFor (watched.get(), false))
+        {
+            watch = watched.release();
+            reader.reset (opened);
+            break;
+        }
+    }
+
+    if (reader == nullptr)
+        throw CliError (ExitCode::badFormat, quoted (file) + ": not a WAV, AIFF or FLAC file, or its header is damaged");
+
+    if (reader->numChannels < 1 || reader->numChannels > 2)
+        throw CliError (ExitCode::badFormat, quoted (file) + " has " + juce::String (reader->numChannels)
+                                              + " channels; Quenda is a stereo equaliser and takes mono or stereo files");
+
+    if (! (reader->sampleRate >= 8000.0 && reader->sampleRate < 384000.0))
+        throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
+                                              + juce::String (reader->sampleRate) + " Hz (8000 to 383999 Hz)");
+
+    if (reader->lengthInSamples < 0)
+        throw CliError (ExitCode::badFormat, quoted (file) + ": damaged header (negative length)");
+
+    if (isFlac())
+    {
+        if (const auto problem = checkFlacStream (file); problem.isNotEmpty())
+            throw CliError (ExitCode::badFormat, quoted (file) + " " + problem);
+    }
+    else if (reader->lengthInSamples > 0)
+    {
+        // Catch a truncated file now rather than after a long render.
+        juce::AudioBuffer<float> last (numChannels(), 1);
+        read (last, reader->lengthInSamples - 1, 1);
+    }
+}
+
+InputAudio::~InputAudio() = default;
+
+void InputAudio::read (juce::AudioBuffer<float>& block, juce::int64 position, int numSamples)
+{
+    watch->shortRead = false;
+    reader->read (&block, 0, numSamples, position, true, true);
+
+    // libFLAC reads ahead in large chunks, so a short read is normal there.
+    if (watch->shortRead && ! isFlac())
+        throw CliError (ExitCode::badFormat, quoted (file) + " is truncated: its audio data ends before the length its header gives");
+}
+
+//==============================================================================
+PendingFile::PendingFile (const juce::File& targetFile, bool overwriteExisting)
+    : target (targetFile), overwrite (overwriteExisting)
+{
+    const auto folder = target.getParentDirectory();
+
+    if (target.isDirectory())
+        throw CliError (ExitCode::outputUnwritable, quoted (target) + " is a folder");
+
+    if (target.existsAsFile() && ! overwrite)
+        throw CliError (ExitCode::outputExists, quoted (target) + " exists; use -y/--overwrite to replace it");
+
+    if (! folder.isDirectory())
+        throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": folder "
+                                                     + quoted (folder) + " does not exist");
+
+    auto pattern = folder.getChildFile ("." + target.getFileName() + ".XXXXXX").getFullPathName().toStdString();
+    const auto descriptor = ::mkstemp (pattern.data());
+
+    if (descriptor < 0)
+        throw CliError (ExitCode::outputUnwritable, "cannot write in " + quoted (folder) + ": " + systemError());
+
+    // mkstemp makes the file private; give it the mode a plain new file would get.
+    const auto mask = ::umask (0);
+    ::umask (mask);
+    ::fchmod (descriptor, 0666 & ~mask);
+    ::close (descriptor);
+
+    temp = juce::File (juce::String (pattern));
+    interrupt::track (temp);
+}
+
+PendingFile::~PendingFile()
+{
+    if (! committed)
+        temp.deleteFile();
+
+    interrupt::untrack (temp);
+}
+
+void PendingFile::commit()
+{
+    const auto tempPath = temp.getFullPathName();
+    const auto targetPath = target.getFullPathName();
+
+    {
+        const auto descriptor = ::open (tempPath.toRawUTF8(), O_RDONLY);
+
+        if (descriptor < 0 || ::fsync (descriptor) != 0)
+        {
+            const auto message = systemError();
+
+            if (descriptor >= 0)
+                ::close (descriptor);
+
+            throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": " + message);
+        }
+
+        ::close (descriptor);
+    }
+
+    if (overwrite)
+    {
+        if (::rename (tempPath.toRawUTF8(), targetPath.toRawUTF8()) != 0)
+            throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": " + systemError());
+    }
+    else
+    {
+        // link() fails if the target appeared while rendering: nothing is replaced by surprise.
+        if (::link (tempPath.toRawUTF8(), targetPath.toRawUTF8()) != 0)
+        {
+            if (errno == EEXIST)
+                throw CliError (ExitCode::outputExists, quoted (target) + " appeared while rendering; use -y/--overwrite to replace it");
+
+            throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": " + systemError());
+        }
+
+        temp.deleteFile();
+    }
+
+    committed = true;
+    interrupt::untrack (temp);
+}
+
+void writeFileSafely (const juce::File& target, const juce::MemoryBlock& data, bool overwrite)
+{
+    PendingFile pending (target, overwrite);
+
+    {
+        juce::FileOutputStream stream (pending.temporary());
+
+        if (stream.failedToOpen() || ! stream.write (data.getData(), data.getSize()))
+            throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": "
+                                                         + stream.getStatus().getErrorMessage());
+
+        stream.flush();
+
+        if (stream.getStatus().failed())
+            throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": "
+                                                         + stream.getStatus().getErrorMessage());
+    }
+
+    pending.commit();
+}
+
+bool isSameFile (const juce::File& a, const juce::File& b)
+{
+    struct stat first {}, second {};
+
+    if (::stat (a.getFullPathName().toRawUTF8(), &first) == 0 && ::stat (b.getFullPathName().toRawUTF8(), &second) == 0)
+        return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+
+    // One does not exist yet: compare resolved folders and names.
+    const auto canonical = [] (const juce::File& file)
+    {
+        char resolved[PATH_MAX];
+        const auto folder = file.getParentDirectory().getFullPathName();
+
+        if (::realpath (folder.toRawUTF8(), resolved) == nullptr)
+            return file.getFullPathName();
+
+        return juce::File (juce::String::fromUTF8 (resolved)).getChildFile (file.getFileName()).getFullPathName();
+    };
+
+    return canonical (a) == canonical (b);
+}
+
+//==============================================================================
+OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth, int inputBits, bool inputIsFloat)
+{
+    OutputFormat result;
+    const auto extension = output.getFileExtension().toLowerCase();
+
+    if (extension == ".wav" || extension == ".wave")
+        result.format = std::make_unique<juce::WavAudioFormat>();
+    else if (extension == ".aif" || extension == ".aiff" || extension == ".aifc")
+        result.format = std::make_unique<juce::AiffAudioFormat>();
+    else if (extension == ".flac")
+        result.format = std::make_unique<juce::FlacAudioFormat>();
+    else
+        throw CliError (ExitCode::badFormat, quoted (output) + ": unsupported output format '" + extension
+                                              + "' (use .wav, .aiff or .flac)");
+
+    const auto canFloat = result.format->getPossibleBitDepths().contains (32);
+
+    if (requestedBitDepth == 32 && ! canFloat)
+        throw CliError (ExitCode::badUsage, "--bit-depth 32 (float) needs a WAV output; "
+                                            + result.format->getFormatName() + " takes 16 or 24");
+
+    if (requestedBitDepth != 0)
+        result.bitDepth = requestedBitDepth;
+    else if (inputIsFloat || inputBits > 24)
+        result.bitDepth = canFloat ? 32 : 24;
+    else
+        result.bitDepth = inputBits <= 16 ? 16 : 24;
+
+    return result;
+}
+
+//==============================================================================
+AudioFileWriter::AudioFileWriter (const juce::File& fileToWrite, const OutputFormat& format, double sampleRate, int numChannels)
+    : file (fileToWrite), bitDepth (format.bitDepth)
+{
+    auto stream = std::make_unique<juce::FileOutputStream> (file);
+
+    if (stream->failedToOpen() || ! stream->setPosition (0) || ! stream->truncate().wasOk())
+        throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (file) + ": " + stream->getStatus().getErrorMessage());
+
+    // FLAC's quality option 5 is libFLAC's default compression level.
+    const auto quality = format.format->getQualityOptions().size() > 5 ? 5 : 0;
+    writer.reset (format.format->createWriterFor (stream.get(), sampleRate, (unsigned int) numChannels,
+                                                  bitDepth, {}, quality));
+
+    if (writer == nullptr)
+        throw CliError (ExitCode::badFormat, "cannot write " + juce::String (bitDepth) + "-bit "
+                                              + format.format->getFormatName() + " at " + juce::String (sampleRate) + " Hz");
+
+    stream.release();
+}
+
+AudioFileWriter::~AudioFileWriter() = default;
+
+void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, int numSamples)
+{
+    const auto numChannels = block.getNumChannels();
+    scratch.setSize (numChannels, numSamples, false, false, true);
+
+    for (int channel = 0; channel < numChannels; ++channel)
+    {
+        const auto* source = block.getReadPointer (channel, start);
+        auto* destination = scratch.getWritePointer (channel);
+
+        for (int i = 0; i < numSamples; ++i)
+        {
+            const auto sample = source[i];
+            const auto magnitude = std::abs (sample);
+            peakLevel = std::max (peakLevel, magnitude);
+
+            if (magnitude > 1.0f)
+                ++clipped;
+
+            destination[i] = sample;
+        }
+    }
+
+    if (bitDepth == 16)
+    {
+        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid. JUCE goes through
+        // 32-bit integers and truncates, so the value sits half a step up to land exactly.
+        // Interleaved across channels so that the seed alone fixes the result.
+        constexpr double scale = 32768.0;
+
+        for (int i = 0; i < numSamples; ++i)
+        {
+            for (int channel = 0; channel < numChannels; ++channel)
+            {
+                auto& sample = scratch.getWritePointer (channel)[i];
+                const auto dither = (double) ditherNoise.nextFloat() - (double) ditherNoise.nextFloat();
+                const auto level = std::floor ((double) sample * scale + dither + 0.5);
+                sample = (float) ((juce::jlimit (-scale, scale - 1.0, level) + 0.5) / scale);
+            }
+        }
+    }
+
+    if (! writer->writeFromAudioSampleBuffer (scratch, 0, numSamples))
+        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (file) + " failed (disk full?)");
+}
+
+void AudioFileWriter::close()
+{
+    writer.reset();
+}
+}

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Interrupt.h"
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <unistd.h>
+
+namespace quenda::cli::interrupt
+{
+namespace
+{
+    constexpr int maxTracked = 8;
+
+    // Plain arrays and lock-free flags: all the handler may touch.
+    char trackedPaths[maxTracked][PATH_MAX];
+    std::atomic<bool> slotInUse[maxTracked];
+
+    static_assert (std::atomic<bool>::is_always_lock_free);
+
+    extern "C" void removeTrackedFilesAndRaise (int signalNumber)
+    {
+        for (int i = 0; i < maxTracked; ++i)
+            if (slotInUse[i].load())
+                ::unlink (trackedPaths[i]);
+
+        std::signal (signalNumber, SIG_DFL);
+        std::raise (signalNumber);
+    }
+}
+
+void installHandlers()
+{
+    struct sigaction action {};
+    action.sa_handler = removeTrackedFilesAndRaise;
+    sigemptyset (&action.sa_mask);
+
+    for (auto signalNumber : { SIGINT, SIGTERM, SIGHUP })
+        sigaction (signalNumber, &action, nullptr);
+}
+
+bool track (const juce::File& file)
+{
+    const auto path = file.getFullPathName().toStdString();
+
+    if (path.size() >= PATH_MAX)
+        return false;
+
+    for (int i = 0; i < maxTracked; ++i)
+    {
+        if (! slotInUse[i].load())
+        {
+            std::memcpy (trackedPaths[i], path.c_str(), path.size() + 1);
+            slotInUse[i].store (true);
+            return true;
+        }
+    }
+
+    return false;
+}
+
+void untrack (const juce::File& file)
+{
+    const auto path = file.getFullPathName().toStdString();
+
+    for (int i = 0; i < maxTracked; ++i)
+        if (slotInUse[i].load() && path == trackedPaths[i])
+            slotInUse[i].store (false);
+}
+}

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <juce_audio_processors/juce_audio_processors.h>
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace quenda::cli
+{
+    /** What the command line knows about one of the processor's parameters. */
+    struct ParameterInfo
+    {
+        juce::String id;            // as hosts and saved states name it, e.g. "low_freq"
+        juce::String name;
+        juce::String unit;
+        bool isSwitch = false;
+        float defaultValue = 0.0f;
+        float minimum = 0.0f;
+        float maximum = 1.0f;
+
+        /** "--low-freq" for "low_freq". */
+        juce::String optionName() const    { return "--" + id.replaceCharacter ('_', '-'); }
+    };
+
+    /** Read from the processor itself, so every parameter it has becomes an option. */
+    std::vector<ParameterInfo> describeParameters (juce::AudioProcessor& processor);
+
+    struct Options
+    {
+        juce::String input, output;
+
+        // In command-line order, applied after the preset so that they override it.
+        std::vector<std::pair<juce::String, float>> parameterValues;
+
+        juce::String presetToLoad, presetToSave, plotFile;
+
+        int bitDepth = 0;                   // 0: follow the input
+        int blockSize = 512;
+        bool latencyCompensation = true;
+
+        bool overwrite = false;
+        bool quiet = false;
+        bool verbose = false;
+
+        bool help = false;
+        bool listParameters = false;
+        bool json = false;
+        bool demo = false;
+        juce::String demoFolder = "quenda-demo";
+
+        bool rendersFile() const            { return input.isNotEmpty(); }
+    };
+
+    /** Throws CliError (badUsage) with a one-line message for anything it cannot accept. */
+    Options parseOptions (const juce::StringArray& args, const std::vector<ParameterInfo>& parameters);
+
+    juce::String helpText (const std::vector<ParameterInfo>& parameters);
+
+    /** The table --list-params prints, or its JSON form. */
+    juce::String parameterList (const std::vector<ParameterInfo>& parameters, bool asJson);
+
+    /** Strict: the whole text must be a finite number. */
+    std::optional<double> parseNumber (const juce::String& text);
+}
