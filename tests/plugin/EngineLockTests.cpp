@@ -285,6 +285,9 @@ TEST (EngineLocks, ComputationsWhileOtherBlocksRunLeaveEveryInstanceWithTheRight
         }
 
         ++rounds;
+
+        // The lock is not fair: without a pause the player would hardly ever get it.
+        std::this_thread::sleep_for (2ms);
     }
 
     ASSERT_TRUE (isDone (player, generousWait));
@@ -390,6 +393,9 @@ TEST (EngineLocks, TwoInstancesPlayingWhileKernelsAreRecomputedNeverDeadlock)
             processor->triggerAsyncUpdate();
             processor->handleUpdateNowIfNeeded();
         }
+
+        // Leaves the audio threads a chance at the unfair lock, as a real message thread would.
+        std::this_thread::sleep_for (1ms);
 
         if (blocksDone[0] != lastCounts[0] && blocksDone[1] != lastCounts[1])
         {
