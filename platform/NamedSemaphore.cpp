@@ -29,11 +29,12 @@ namespace platform
 NamedSemaphore& NamedSemaphore::open (const std::string& name)
 {
     // One object per name for the life of the process, like a handle that is never closed.
-    static std::mutex registryLock;
-    static std::map<std::string, NamedSemaphore*> registry;
+    // Never destroyed, so instances destroyed during static destruction can still use them.
+    static auto* registryLock = new std::mutex();
+    static auto* registry = new std::map<std::string, NamedSemaphore*>();
 
-    const std::lock_guard<std::mutex> lock (registryLock);
-    auto& entry = registry[name];
+    const std::lock_guard<std::mutex> lock (*registryLock);
+    auto& entry = (*registry)[name];
 
     if (entry == nullptr)
         entry = new NamedSemaphore (name);
