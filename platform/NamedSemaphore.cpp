@@ -108,59 +108,35 @@ NamedSemaphore::NamedSemaphore (const std::string& name)
     if (fd < 0)
         return;
 
-    struct stat info {};
+    // Every process keeps a shared lock on the object while it lives. Whoever gets it
+    // exclusively is alone: a lock left taken by a process that has since died is reset.
+    const bool alone = flock (fd, LOCK_EX | LOCK_NB) == 0;
 
-    if (fstat (fd, &info) != 0 || info.st_uid != getuid())
+    // Otherwise this blocks only while another process is initialising the object.
+    if (! alone)
+        flock (fd, LOCK_SH);
+
+    struct stat info {};
+    const bool usable = fstat (fd, &info) == 0 && info.st_uid == getuid()
+                     && (alone ? ftruncate (fd, sizeof (Shared)) == 0 : (size_t) info.st_size >= sizeof (Shared));
+    auto* mapping = usable ? mmap (nullptr, sizeof (Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+
+    if (mapping == MAP_FAILED)
     {
         close (fd);
         return;
     }
 
-    // Every process keeps a shared lock on the object while it lives. Whoever gets it
-    // exclusively is alone: a lock left taken by a process that has since died is reset.
-    if (flock (fd, LOCK_EX | LOCK_NB) == 0)
+    shared = static_cast<Shared*> (mapping);
+
+    if (alone)
     {
-        if (ftruncate (fd, sizeof (Shared)) != 0)
-        {
-            close (fd);
-            return;
-        }
-
-        auto* mapping = mmap (nullptr, sizeof (Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-
-        if (mapping == MAP_FAILED)
-        {
-            close (fd);
-            return;
-        }
-
-        shared = new (mapping) Shared();
+        new (mapping) Shared();
         shared->holder.store (0);
-    }
-    else
-    {
-        // Blocks only while another process is initialising the object.
         flock (fd, LOCK_SH);
-
-        if (fstat (fd, &info) != 0 || (size_t) info.st_size < sizeof (Shared))
-        {
-            close (fd);
-            return;
-        }
-
-        auto* mapping = mmap (nullptr, sizeof (Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-
-        if (mapping == MAP_FAILED)
-        {
-            close (fd);
-            return;
-        }
-
-        shared = static_cast<Shared*> (mapping);
     }
 
-    flock (fd, LOCK_SH);
-    // fd stays open (and the shared lock held) until the process ends.
+    // fd stays open, and the shared lock held, until the process ends.
 }
 
 bool NamedSemaphore::isValid() const noexcept

@@ -6,45 +6,17 @@
 
 #include <aeffectx.h>
 
-#include <atomic>
 #include <dlfcn.h>
-#include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace vst2host
 {
 
-/** Everything the plug-in told its host through the audioMaster callback. */
-struct HostLog
+inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr, void*, float)
 {
-    std::atomic<int> automateCalls { 0 };
-    std::atomic<int> lastAutomatedIndex { -1 };
-    std::atomic<float> lastAutomatedValue { 0.0f };
-};
-
-inline HostLog& hostLog()
-{
-    static HostLog log;
-    return log;
-}
-
-inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int index, VstIntPtr, void*, float opt)
-{
-    switch (opcode)
-    {
-        case audioMasterVersion:
-            return 2400;
-        case audioMasterAutomate:
-            hostLog().lastAutomatedIndex = index;
-            hostLog().lastAutomatedValue = opt;
-            ++hostLog().automateCalls;
-            return 0;
-        default:
-            return 0;
-    }
+    return opcode == audioMasterVersion ? 2400 : 0;
 }
 
 using PluginMain = AEffect* (*) (audioMasterCallback);
@@ -125,16 +97,6 @@ public:
         dispatch (effStopProcess);
         dispatch (effMainsChanged, 0, 0);
         running = false;
-    }
-
-    /** Runs the plug-in's pending messages, as a host's idle timer does. */
-    void idle (int times = 1)
-    {
-        for (int i = 0; i < times; ++i)
-        {
-            dispatch (effEditIdle);
-            std::this_thread::sleep_for (std::chrono::milliseconds (2));
-        }
     }
 
     void process (std::vector<float>& left, std::vector<float>& right, int offset, int n)
