@@ -1,163 +1,103 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Length, alignment and the first processed samples, end to end through files.
+// End to end through files: length, alignment, the first processed samples, mono, the
+// formats in and out, and reproducible 16-bit dither.
 
 #include "TestSupport.h"
-#include "Render.h"
 
 namespace quenda::cli::test
 {
-namespace
-{
-    juce::AudioBuffer<float> impulse (int channels, int length, int position = 0)
-    {
-        juce::AudioBuffer<float> buffer (channels, length);
-        buffer.clear();
-        for (int c = 0; c < channels; ++c)
-            buffer.setSample (c, position, 0.5f);
-        return buffer;
-    }
-}
-
-TEST (RenderAlignment, LinearPhaseImpulsePeaksAtSampleZeroAndKeepsTheLength)
+TEST (Render, LengthAlignmentAndTheFirstSamples)
 {
     TempFolder temp;
-    writeAudio (temp["impulse.wav"], impulse (2, 20000));
+    constexpr int length = 20000, delay = QuendaAudioProcessor::linearPhaseLatency;
+    writeAudio (temp["start.wav"], noise (2, length, 0));
+    writeAudio (temp["end.wav"], noise (2, length, length - 10));
+    writeAudio (temp["mono.wav"], noise (1, length, 0));
 
-    const auto compensated = render ({ temp["impulse.wav"].getFullPathName(), temp["aligned.wav"].getFullPathName(),
-                                       "--tilt", "1", "--lin-phase", "-q" });
-    ASSERT_EQ (compensated.code, 0) << compensated.err;
-
-    const auto raw = render ({ temp["impulse.wav"].getFullPathName(), temp["raw.wav"].getFullPathName(),
-                               "--tilt", "1", "--lin-phase", "--no-latency-compensation", "-q" });
-    ASSERT_EQ (raw.code, 0) << raw.err;
-
-    const auto aligned = readAudio (temp["aligned.wav"]);
-    const auto delayed = readAudio (temp["raw.wav"]);
-
-    ASSERT_EQ (aligned.audio.getNumSamples(), 20000);
-    ASSERT_EQ (delayed.audio.getNumSamples(), 20000);
-
-    for (int channel = 0; channel < 2; ++channel)
-    {
-        EXPECT_EQ (peakIndex (aligned.audio, channel), 0);
-        EXPECT_EQ (peakIndex (delayed.audio, channel), QuendaAudioProcessor::linearPhaseLatency);
-    }
-
-    // The compensated render is the raw one moved earlier, not a different signal.
-    for (int i = 0; i < 20000 - QuendaAudioProcessor::linearPhaseLatency; ++i)
-        ASSERT_EQ (aligned.audio.getSample (0, i), delayed.audio.getSample (0, i + QuendaAudioProcessor::linearPhaseLatency)) << i;
-}
-
-TEST (RenderAlignment, TailIsFlushedSoAnImpulseNearTheEndSurvives)
-{
-    // Without the flush, the last latency's worth of input would never come out.
-    const auto input = impulse (1, 5000, 4990);
-    QuendaAudioProcessor processor;
-    processor.getParameters()[QuendaAudioProcessor::linPhaseIndex]->setValueNotifyingHost (1.0f);
-
-    const auto output = renderBuffer (processor, input, 48000.0);
-
-    ASSERT_EQ (output.getNumSamples(), 5000);
-    EXPECT_EQ (peakIndex (output, 0), 4990);
-    EXPECT_NEAR (output.getSample (0, 4990), 0.5f, 1.0e-3f);
-}
-
-TEST (RenderAlignment, BlockSizeDoesNotChangeTheResult)
-{
-    const auto input = noise (2, 3001);
-    juce::AudioBuffer<float> reference;
-
-    for (auto blockSize : { 512, 64, 4096, 333 })
-    {
-        QuendaAudioProcessor processor;
-        dynamic_cast<PlainFloatParameter*> (processor.getParameters()[QuendaAudioProcessor::tiltIndex])->setPlainValueNotifyingHost (-0.7f);
-        dynamic_cast<PlainFloatParameter*> (processor.getParameters()[QuendaAudioProcessor::lowIndex])->setPlainValueNotifyingHost (4.0f);
-        processor.getParameters()[QuendaAudioProcessor::linPhaseIndex]->setValueNotifyingHost (1.0f);
-
-        const auto output = renderBuffer (processor, input, 44100.0, { blockSize, true });
-        ASSERT_EQ (output.getNumSamples(), 3001) << blockSize;
-
-        if (reference.getNumSamples() == 0)
-            reference = output;
-        else
-            EXPECT_LT (maxDifference (output, reference), 1.0e-4f) << "block size " << blockSize;
-    }
-}
-
-TEST (RenderAlignment, FirstSamplesAreProcessedNotDry)
-{
-    // A live host would get dry blocks until the kernels exist; the renderer waits.
-    const auto input = noise (2, 2048);
-
-    QuendaAudioProcessor trimmed;
-    dynamic_cast<PlainFloatParameter*> (trimmed.getParameters()[QuendaAudioProcessor::trimIndex])->setPlainValueNotifyingHost (-6.0f);
-    const auto quieter = renderBuffer (trimmed, input, 48000.0);
-
-    for (int i = 0; i < 16; ++i)
-        EXPECT_NEAR (quieter.getSample (0, i), input.getSample (0, i) * 0.501187f, 1.0e-6f) << i;
-
-    QuendaAudioProcessor tilted;
-    dynamic_cast<PlainFloatParameter*> (tilted.getParameters()[QuendaAudioProcessor::tiltIndex])->setPlainValueNotifyingHost (1.0f);
-    const auto filtered = renderBuffer (tilted, impulse (1, 2048), 48000.0);
-
-    // A minimum-phase tilt spreads the impulse at once: sample 0 is no longer the dry 0.5.
-    EXPECT_GT (std::abs (filtered.getSample (0, 0) - 0.5f), 0.01f);
-    EXPECT_GT (std::abs (filtered.getSample (0, 1)), 1.0e-4f);
-}
-
-TEST (RenderAlignment, LeadingSilenceDoesNotChangeWhatFollows)
-{
-    // Catches anything that settles during the first blocks: kernels, gain glides.
-    const auto signal = noise (2, 2000);
-    juce::AudioBuffer<float> padded (2, 4096 + 2000);
-    padded.clear();
-    for (int c = 0; c < 2; ++c)
-        padded.copyFrom (c, 4096, signal, c, 0, 2000);
-
-    const auto renderWithShelves = [] (const juce::AudioBuffer<float>& input)
-    {
-        QuendaAudioProcessor processor;
-        dynamic_cast<PlainFloatParameter*> (processor.getParameters()[QuendaAudioProcessor::lowIndex])->setPlainValueNotifyingHost (6.0f);
-        dynamic_cast<PlainFloatParameter*> (processor.getParameters()[QuendaAudioProcessor::highIndex])->setPlainValueNotifyingHost (-3.0f);
-        dynamic_cast<PlainFloatParameter*> (processor.getParameters()[QuendaAudioProcessor::tiltIndex])->setPlainValueNotifyingHost (0.4f);
-        return renderBuffer (processor, input, 48000.0);
+    // Near the end an impulse only survives if the delayed tail is flushed out.
+    const struct { const char* input; juce::StringArray args; int peak; } cases[] {
+        { "start.wav", { "--tilt", "1", "--lin-phase", "--block-size", "333" }, 0 },
+        { "start.wav", { "--tilt", "1", "--lin-phase", "--no-latency-compensation" }, delay },
+        { "end.wav",   { "--tilt", "1", "--lin-phase" }, length - 10 },
+        { "start.wav", { "--tilt", "1" }, 0 },
+        { "start.wav", { "--trim", "-6" }, 0 },
+        { "mono.wav",  { "--tilt", "1" }, 0 },
     };
 
-    const auto direct = renderWithShelves (signal);
-    const auto late = renderWithShelves (padded);
+    std::vector<juce::AudioBuffer<float>> outputs;
+    for (auto& [input, args, peak] : cases)
+    {
+        const auto output = temp["out" + juce::String (outputs.size()) + ".wav"];
+        juce::StringArray all { temp (input), output.getFullPathName(), "-q" };
+        all.addArray (args);
+        ASSERT_EQ (render (all).code, 0) << args.joinIntoString (" ");
+        outputs.push_back (readAudio (output).audio);
+        ASSERT_EQ (outputs.back().getNumSamples(), length) << args.joinIntoString (" ");
+        for (int c = 0; c < outputs.back().getNumChannels(); ++c)
+            EXPECT_EQ (outputs.back().getMagnitude (c, peak, 1), outputs.back().getMagnitude (c, 0, length)) << args.joinIntoString (" ");
+    }
 
-    for (int c = 0; c < 2; ++c)
-        for (int i = 0; i < 2000; ++i)
-            ASSERT_NEAR (direct.getSample (c, i), late.getSample (c, 4096 + i), 1.0e-4f) << c << ", " << i;
+    // The compensated render is the raw one moved earlier, whatever the block size.
+    for (int i = 0; i < length - delay; ++i)
+        ASSERT_NEAR (outputs[0].getSample (0, i), outputs[1].getSample (0, i + delay), 1.0e-5f) << i;
+
+    // The renderer waits for kernels and glides: the very first samples are already processed.
+    EXPECT_GT (std::abs (outputs[3].getSample (0, 0) - 0.5f), 0.01f);
+    EXPECT_GT (std::abs (outputs[3].getSample (0, 1)), 1.0e-4f);
+    EXPECT_NEAR (outputs[4].getSample (0, 0), 0.5f * 0.501187f, 1.0e-6f);
+
+    // Mono stays mono and is processed exactly as either side of the same stereo input.
+    ASSERT_EQ (outputs[5].getNumChannels(), 1);
+    for (int i = 0; i < length; ++i)
+        for (int c = 0; c < 2; ++c)
+            ASSERT_EQ (outputs[5].getSample (0, i), outputs[3].getSample (c, i)) << c << ", " << i;
 }
 
-TEST (RenderMono, MonoFileStaysMonoAndMatchesOneSideOfStereo)
+TEST (Formats, RoundTripKeepsRateChannelsLengthAndDepth)
 {
     TempFolder temp;
-    const auto mono = noise (1, 9000);
-    juce::AudioBuffer<float> stereo (2, 9000);
-    stereo.copyFrom (0, 0, mono, 0, 0, 9000);
-    stereo.copyFrom (1, 0, mono, 0, 0, 9000);
+    const struct { const char* input; int channels, bits; const char* output; const char* depth; int outBits; } cases[] {
+        { "a.wav", 2, 16, "a.flac", "", 16 }, { "b.aiff", 1, 24, "b.wav", "", 24 }, { "c.flac", 2, 24, "c.aiff", "", 24 },
+        { "d.wav", 2, 32, "d.flac", "", 24 }, { "d.wav", 2, 32, "e.wav", "", 32 }, { "d.wav", 2, 32, "f.wav", "16", 16 },
+    };
 
-    writeAudio (temp["mono.wav"], mono);
-    writeAudio (temp["stereo.wav"], stereo);
+    for (auto& [input, channels, bits, output, depth, outBits] : cases)
+    {
+        writeAudio (temp[input], noise (channels, 4410), 44100.0, bits);
+        juce::StringArray args { temp (input), temp (output), "--high", "2", "-q", "-y" };
+        if (*depth != 0)
+            args.addArray ({ "--bit-depth", depth });
+        ASSERT_EQ (render (args).code, 0) << output;
 
-    const juce::StringArray settings { "--tilt", "0.6", "--low", "3", "--low-freq", "120", "--trim", "-1", "-q" };
+        const auto loaded = readAudio (temp[output]);
+        EXPECT_EQ (std::make_tuple (loaded.sampleRate, loaded.audio.getNumChannels(), loaded.audio.getNumSamples(), loaded.bits, loaded.isFloat),
+                   std::make_tuple (44100.0, channels, 4410, outBits, outBits == 32)) << output;
+        EXPECT_TRUE (loaded.format.containsIgnoreCase (temp[output].getFileExtension().substring (1))) << loaded.format;
+    }
+}
 
-    auto monoArgs = settings;
-    monoArgs.addArray ({ temp["mono.wav"].getFullPathName(), temp["mono-out.wav"].getFullPathName() });
-    auto stereoArgs = settings;
-    stereoArgs.addArray ({ temp["stereo.wav"].getFullPathName(), temp["stereo-out.wav"].getFullPathName() });
+TEST (Formats, SixteenBitDitherIsReproducibleAndKeepsQuietDetail)
+{
+    TempFolder temp;
+    constexpr float lsb = 1.0f / 32768.0f;
+    juce::AudioBuffer<float> quiet (1, 48000);      // a third of a step: plain rounding writes silence
+    for (int i = 0; i < quiet.getNumSamples(); ++i)
+        quiet.setSample (0, i, 0.3f * lsb * (float) std::sin (0.05 * i));
+    writeAudio (temp["quiet.wav"], quiet);
 
-    ASSERT_EQ (render (monoArgs).code, 0);
-    ASSERT_EQ (render (stereoArgs).code, 0);
+    for (auto* name : { "a.wav", "b.wav" })
+        ASSERT_EQ (render ({ temp ("quiet.wav"), temp (name), "--bit-depth", "16", "-q" }).code, 0);
+    EXPECT_EQ (bytes (temp["a.wav"]), bytes (temp["b.wav"]));
 
-    const auto monoOut = readAudio (temp["mono-out.wav"]);
-    const auto stereoOut = readAudio (temp["stereo-out.wav"]);
-
-    ASSERT_EQ (monoOut.audio.getNumChannels(), 1);
-    ASSERT_EQ (monoOut.audio.getNumSamples(), 9000);
-    EXPECT_GT (maxDifference (monoOut.audio, mono), 0.01f);
-    EXPECT_LT (maxDifference (monoOut.audio, stereoOut.audio, 0), 1.0e-6f);
+    // The tone survives in the dither instead of vanishing, and the noise stays near one step.
+    const auto written = readAudio (temp["a.wav"]).audio;
+    double correlation = 0.0, error = 0.0;
+    for (int i = 0; i < quiet.getNumSamples(); ++i)
+    {
+        correlation += (double) written.getSample (0, i) * quiet.getSample (0, i);
+        error += juce::square ((double) (written.getSample (0, i) - quiet.getSample (0, i)) / lsb);
+    }
+    EXPECT_GT (correlation, 0.0);
+    EXPECT_LT (std::sqrt (error / quiet.getNumSamples()), 1.0);
 }
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "Cli.h"
+#include "CliError.h"
+#include "processor/PluginProcessor.h"
 
 #include <juce_audio_formats/juce_audio_formats.h>
 #include <gtest/gtest.h>
@@ -10,126 +12,72 @@
 
 namespace quenda::cli::test
 {
-    /** A fresh folder, removed with everything in it. */
+    /** A fresh folder, removed with everything in it; temp ("x") is the full path of x in it. */
     struct TempFolder
     {
-        TempFolder()
-            : folder (juce::File::getSpecialLocation (juce::File::tempDirectory)
-                          .getNonexistentChildFile ("quenda-render-test", "", false))
-        {
-            folder.createDirectory();
-        }
+        TempFolder()    { folder.createDirectory(); }
+        ~TempFolder()   { folder.deleteRecursively(); }
 
-        ~TempFolder()                                   { folder.deleteRecursively(); }
+        juce::File operator[] (const juce::String& name) const   { return folder.getChildFile (name); }
+        juce::String operator() (const juce::String& name) const  { return (*this)[name].getFullPathName(); }
 
-        juce::File operator[] (const juce::String& name) const { return folder.getChildFile (name); }
+        int count() const { return folder.getNumberOfChildFiles (juce::File::findFilesAndDirectories); }
 
-        juce::StringArray names() const
-        {
-            juce::StringArray result;
-            for (auto& file : folder.findChildFiles (juce::File::findFilesAndDirectories, false, "*"))
-                result.add (file.getFileName());
-            result.sort (false);
-            return result;
-        }
-
-        const juce::File folder;
+        const juce::File folder = juce::File::getSpecialLocation (juce::File::tempDirectory)
+                                      .getNonexistentChildFile ("quenda-render-test", "", false);
     };
 
-    struct Result
-    {
-        int code = -1;
-        std::string out, err;
-    };
+    struct Result { int code; std::string err; };
 
     inline Result render (const juce::StringArray& args)
     {
         std::ostringstream out, err;
-        Result result;
-        result.code = runCommandLine (args, out, err);
-        result.out = out.str();
-        result.err = err.str();
-        return result;
+        const auto code = runCommandLine (args, out, err);
+        return { code, err.str() };
     }
 
-    /** Deterministic noise, different per channel. */
-    inline juce::AudioBuffer<float> noise (int channels, int length, float amplitude = 0.25f, juce::int64 seed = 7)
+    /** Deterministic noise, different per channel; or, given a position, an impulse of 0.5 there. */
+    inline juce::AudioBuffer<float> noise (int channels, int length, int impulseAt = -1)
     {
         juce::AudioBuffer<float> buffer (channels, length);
-        juce::Random random (seed);
-
+        juce::Random random (7);
         for (int c = 0; c < channels; ++c)
             for (int i = 0; i < length; ++i)
-                buffer.setSample (c, i, amplitude * (random.nextFloat() * 2.0f - 1.0f));
-
+                buffer.setSample (c, i, impulseAt >= 0 ? (i == impulseAt ? 0.5f : 0.0f) : 0.25f * (random.nextFloat() * 2.0f - 1.0f));
         return buffer;
     }
 
-    inline std::unique_ptr<juce::AudioFormat> formatFor (const juce::File& file)
+    inline void writeAudio (const juce::File& file, const juce::AudioBuffer<float>& audio, double sampleRate = 48000.0, int bits = 32)
     {
-        const auto extension = file.getFileExtension();
-        if (extension == ".flac")                       return std::make_unique<juce::FlacAudioFormat>();
-        if (extension == ".aiff" || extension == ".aif") return std::make_unique<juce::AiffAudioFormat>();
-        return std::make_unique<juce::WavAudioFormat>();
-    }
-
-    inline void writeAudio (const juce::File& file, const juce::AudioBuffer<float>& audio,
-                            double sampleRate = 48000.0, int bits = 32)
-    {
-        auto format = formatFor (file);
-        file.deleteFile();
+        juce::AudioFormatManager formats;
+        formats.registerBasicFormats();
         auto stream = std::make_unique<juce::FileOutputStream> (file);
-        std::unique_ptr<juce::AudioFormatWriter> writer (
-            format->createWriterFor (stream.get(), sampleRate, (unsigned int) audio.getNumChannels(), bits, {}, 0));
+        std::unique_ptr<juce::AudioFormatWriter> writer (formats.findFormatForFileExtension (file.getFileExtension())
+            ->createWriterFor (stream.get(), sampleRate, (unsigned int) audio.getNumChannels(), bits, {}, 0));
         ASSERT_NE (writer, nullptr);
         stream.release();
         ASSERT_TRUE (writer->writeFromAudioSampleBuffer (audio, 0, audio.getNumSamples()));
     }
 
-    struct Loaded
-    {
-        juce::AudioBuffer<float> audio;
-        double sampleRate = 0.0;
-        int bits = 0;
-        bool isFloat = false;
-        juce::String format;
-    };
+    struct Loaded { juce::AudioBuffer<float> audio; double sampleRate = 0.0; int bits = 0; bool isFloat = false; juce::String format; };
 
     inline Loaded readAudio (const juce::File& file)
     {
-        juce::AudioFormatManager manager;
-        manager.registerBasicFormats();
-        std::unique_ptr<juce::AudioFormatReader> reader (manager.createReaderFor (file));
-        Loaded loaded;
-
+        juce::AudioFormatManager formats;
+        formats.registerBasicFormats();
+        std::unique_ptr<juce::AudioFormatReader> reader (formats.createReaderFor (file));
+        EXPECT_NE (reader, nullptr) << "cannot read " << file.getFullPathName();
         if (reader == nullptr)
-        {
-            ADD_FAILURE() << "cannot read " << file.getFullPathName();
-            return loaded;
-        }
-
-        loaded.audio.setSize ((int) reader->numChannels, (int) reader->lengthInSamples);
-        reader->read (&loaded.audio, 0, (int) reader->lengthInSamples, 0, true, true);
-        loaded.sampleRate = reader->sampleRate;
-        loaded.bits = (int) reader->bitsPerSample;
-        loaded.isFloat = reader->usesFloatingPointData;
-        loaded.format = reader->getFormatName();
-        return loaded;
+            return {};
+        juce::AudioBuffer<float> audio ((int) reader->numChannels, (int) reader->lengthInSamples);
+        reader->read (&audio, 0, audio.getNumSamples(), 0, true, true);
+        return { audio, reader->sampleRate, (int) reader->bitsPerSample, reader->usesFloatingPointData, reader->getFormatName() };
     }
 
-    inline int peakIndex (const juce::AudioBuffer<float>& audio, int channel)
+    inline juce::MemoryBlock bytes (const juce::File& file)
     {
-        const auto* samples = audio.getReadPointer (channel);
-        return (int) (std::max_element (samples, samples + audio.getNumSamples(),
-                                        [] (float a, float b) { return std::abs (a) < std::abs (b); }) - samples);
-    }
-
-    inline float maxDifference (const juce::AudioBuffer<float>& a, const juce::AudioBuffer<float>& b, int channelOfB = -1)
-    {
-        float largest = 0.0f;
-        for (int c = 0; c < a.getNumChannels(); ++c)
-            for (int i = 0; i < a.getNumSamples(); ++i)
-                largest = std::max (largest, std::abs (a.getSample (c, i) - b.getSample (channelOfB < 0 ? c : channelOfB, i)));
-        return largest;
+        juce::MemoryBlock data;
+        file.loadFileAsData (data);
+        return data;
     }
 }
