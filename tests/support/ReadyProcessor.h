@@ -9,32 +9,23 @@ namespace quenda_test
 {
     using Processor = QuendaAudioProcessor;
 
-    inline void setParameter (Processor& processor, int index, float plainValue)
-    {
-        processor.getParameters()[index]->setValue (plainValue);
-    }
+    inline void setParameter (Processor& processor, int index, float plainValue)  { processor.getParameters()[index]->setValue (plainValue); }
 
-    /** Takes a processor through the blocks that precede normal processing: a silent one that
-        sizes the engine, a dry one after the new sample rate, then the kernel computation the
-        message thread would run. */
-    inline void makeReady (Processor& processor, int blockSize, double sampleRate = 48000.0)
+    // Runs the blocks that precede normal processing (a silent one that sizes the engine, a
+    // dry one at the new rate), then the kernel computation the message thread would run.
+    inline void makeReady (Processor& processor, int blockSize)
     {
-        processor.setPlayConfigDetails (2, 2, sampleRate, blockSize);
-        processor.prepareToPlay (sampleRate, blockSize);
-
-        juce::AudioBuffer<float> buffer (2, blockSize);
+        processor.setPlayConfigDetails (2, 2, 48000.0, blockSize);
+        processor.prepareToPlay (48000.0, blockSize);
+        juce::AudioBuffer<float> silence (2, blockSize);
+        silence.clear();
         juce::MidiBuffer midi;
-
-        for (int block = 0; block < 2; ++block)
-        {
-            buffer.clear();
-            processor.processBlock (buffer, midi);
-        }
-
+        processor.processBlock (silence, midi);
+        processor.processBlock (silence, midi);
         processor.handleUpdateNowIfNeeded();
     }
 
-    /** A new processor with linear phase on and a tilt, so every block runs the convolution. */
+    // A ready processor with linear phase on and a tilt, so every block runs the convolution.
     inline std::unique_ptr<Processor> makeConvolvingProcessor (int blockSize, float tilt = 0.7f)
     {
         auto processor = std::make_unique<Processor>();
@@ -44,30 +35,26 @@ namespace quenda_test
         return processor;
     }
 
-    /** Reproducible stereo noise at half scale. */
+    // Reproducible stereo noise at half scale.
     inline juce::AudioBuffer<float> makeNoise (int numSamples, juce::int64 seed)
     {
         juce::Random random (seed);
         juce::AudioBuffer<float> noise (2, numSamples);
-
-        for (int channel = 0; channel < 2; ++channel)
-            for (int i = 0; i < numSamples; ++i)
-                noise.setSample (channel, i, random.nextFloat() - 0.5f);
-
+        for (int i = 0; i < 2 * numSamples; ++i)
+            noise.setSample (i % 2, i / 2, random.nextFloat() - 0.5f);
         return noise;
     }
 
-    /** One block of a longer buffer, without copying. */
+    // One block of a longer buffer, without copying.
     inline juce::AudioBuffer<float> blockOf (juce::AudioBuffer<float>& buffer, int start, int length)
     {
         return { buffer.getArrayOfWritePointers(), buffer.getNumChannels(), start, length };
     }
 
-    /** Runs the whole of input through the processor in blocks of blockSize, in place. */
+    // Runs the whole buffer through the processor in place, in blocks of blockSize.
     inline void processInBlocks (Processor& processor, juce::AudioBuffer<float>& audio, int blockSize)
     {
         juce::MidiBuffer midi;
-
         for (int start = 0; start < audio.getNumSamples(); start += blockSize)
         {
             auto block = blockOf (audio, start, std::min (blockSize, audio.getNumSamples() - start));

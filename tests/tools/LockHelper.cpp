@@ -1,36 +1,27 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// A second plug-in process for the lock tests.
-//   quenda-lock-helper hold    takes the engine lock, prints "held", frees it when a line arrives
-//   quenda-lock-helper start   constructs one processor, as a host loading the plug-in does
+// A second process for the lock tests: takes the engine lock, prints "held <pid>", and frees
+// the lock and exits on SIGUSR1. Exits 1 when the lock stays taken for two seconds.
 
 #include "processor/PluginProcessor.h"
 
-#include <iostream>
-#include <string>
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
 
-int main (int argc, char** argv)
+int main()
 {
-    const std::string mode = argc > 1 ? argv[1] : "";
+    sigset_t freeSignal;
+    sigemptyset (&freeSignal);
+    sigaddset (&freeSignal, SIGUSR1);
+    sigprocmask (SIG_BLOCK, &freeSignal, nullptr);   // before "held": an early signal must wait
 
-    if (mode == "hold")
-    {
-        auto& lock = platform::NamedSemaphore::open (QuendaAudioProcessor::engineLockName);
-        lock.wait();
-        std::cout << "held" << std::endl;
+    auto& lock = platform::NamedSemaphore::open (QuendaAudioProcessor::engineLockName);
+    if (! lock.waitFor (2000))
+        return 1;
 
-        std::string line;
-        std::getline (std::cin, line);
-        lock.release();
-        return 0;
-    }
+    dprintf (STDOUT_FILENO, "held %d\n", (int) getpid());
 
-    if (mode == "start")
-    {
-        juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        QuendaAudioProcessor processor;
-        return 0;
-    }
-
-    std::cerr << "usage: quenda-lock-helper hold|start" << std::endl;
-    return 2;
+    sigwaitinfo (&freeSignal, nullptr);
+    lock.release();
+    return 0;
 }
