@@ -23,6 +23,12 @@ TEST (Vst2Foundation, DescribesItselfAsAStereoEffect)
     EXPECT_EQ ("Quenda", plugin.stringFrom (effGetProductString));
     EXPECT_EQ ("Selvane", plugin.stringFrom (effGetVendorString));
     EXPECT_EQ (0, plugin.latency());
+
+    // One program, unnamed, and renaming it changes nothing.
+    EXPECT_EQ (0, plugin.dispatch (effGetProgram));
+    char name[] = "renamed";
+    plugin.dispatch (effSetProgramName, 0, 0, name);
+    EXPECT_EQ ("", plugin.stringFrom (effGetProgramName));
 }
 
 TEST (Vst2Foundation, ParametersHaveHostNamesAndPlainDefaults)
@@ -60,16 +66,6 @@ TEST (Vst2Foundation, NormalisationIsTheIdentityWithoutClamping)
     Instance other;
     EXPECT_EQ (150.0f, other.getParameter (6));
     EXPECT_EQ (0.0f, other.getParameter (0));
-}
-
-TEST (Vst2Foundation, OneUnnamedProgram)
-{
-    Instance plugin;
-    EXPECT_EQ (0, plugin.dispatch (effGetProgram));
-    EXPECT_EQ ("", plugin.stringFrom (effGetProgramName));
-    char name[] = "renamed";
-    plugin.dispatch (effSetProgramName, 0, 0, name);
-    EXPECT_EQ ("", plugin.stringFrom (effGetProgramName));
 }
 
 TEST (Vst2Foundation, ChunkHoldsTheStateBlockAndRestoresIt)

@@ -31,7 +31,7 @@ namespace
 
         void TearDown() override
         {
-            for (auto what : { "binary", "processes", "killed", "stale", "stress" })
+            for (auto what : { "binary", "processes", "stale", "stress" })
                 shm_unlink (("/Local.QuendaTest_" + std::string (what) + "_" + std::to_string (getpid())
                              + ".uid" + std::to_string (getuid())).c_str());
         }
@@ -82,32 +82,14 @@ TEST (NamedSemaphore, BinaryCountAnyThreadReleasesExtraReleaseDoesNothing)
     semaphore.release();
 }
 
-TEST (NamedSemaphore, IsSharedBetweenProcesses)
+TEST (NamedSemaphore, IsSharedBetweenProcessesAndSurvivesAKilledHolder)
 {
     const auto name = Names::of ("processes");
-    auto& semaphore = NamedSemaphore::open (name);
-    semaphore.wait();
-
-    const auto child = spawn ([&]
-    {
-        auto& inChild = NamedSemaphore::open (name);
-        if (inChild.waitFor (50))
-            return 1;                       // taken while the parent held it
-        return inChild.waitFor (5000) ? 0 : 2;
-    });
-
-    std::this_thread::sleep_for (200ms);
-    semaphore.release();
-    EXPECT_EQ (0, exitCodeOf (child));
-}
-
-TEST (NamedSemaphore, AHolderKilledMidWayDoesNotHangTheOthers)
-{
-    const auto name = Names::of ("killed");
     auto& semaphore = NamedSemaphore::open (name);
     int ready[2];
     ASSERT_EQ (0, pipe (ready));
 
+    // The child takes the lock and holds it until it is killed.
     const auto child = spawn ([&]
     {
         NamedSemaphore::open (name).wait();
@@ -123,7 +105,11 @@ TEST (NamedSemaphore, AHolderKilledMidWayDoesNotHangTheOthers)
     kill (child, SIGKILL);
     waitpid (child, nullptr, 0);
     EXPECT_TRUE (semaphore.waitFor (1000));
+
+    // Released here, taken there.
+    EXPECT_EQ (0, exitCodeOf (spawn ([&] { return NamedSemaphore::open (name).waitFor (50) ? 1 : 0; })));
     semaphore.release();
+    EXPECT_EQ (0, exitCodeOf (spawn ([&] { return NamedSemaphore::open (name).waitFor (1000) ? 0 : 1; })));
     close (ready[0]);
     close (ready[1]);
 }
