@@ -186,7 +186,9 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
         prepareEngine (std::max (n, getBlockSize()));
     }
 
-    const auto linearPhase = linPhase->get();
+    // Every parameter is read once per block, so all stages agree even while a host writes.
+    const auto values = getParameterValues();
+    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
 
     if (linearPhase != latencyIsLinear)
     {
@@ -225,24 +227,23 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
         return;
     }
 
-    const auto bypassed = bypass->get();
-
-    processTilt (buffer, numChannels, bypassed);
-    processShelves (buffer, numChannels, bypassed);
-    processTrim (buffer, numChannels, bypassed);
+    processTilt (buffer, numChannels, values);
+    processShelves (buffer, numChannels, values);
+    processTrim (buffer, numChannels, values);
 }
 
-void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed)
+void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
     const auto n = buffer.getNumSamples();
-    const auto linearPhase = linPhase->get();
+    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
+    const auto bypassed = values[bypassIndex] >= 0.5f;
     const auto engineChannels = std::min (numChannels, TiltEngine::numChannels);
 
     engineLock.wait();
 
     engine.writeInput (buffer.getArrayOfReadPointers(), engineChannels, n);
 
-    const double target = bypassed ? 0.0 : (double) tilt->get();
+    const double target = bypassed ? 0.0 : (double) values[tiltIndex];
     const auto gliding = target != previousTilt;
     const auto needPositive = gliding || target > 0.0;
     const auto needNegative = gliding || target < 0.0;
@@ -290,14 +291,17 @@ void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int nu
     engineLock.release();
 }
 
-void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed)
+void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
+    const auto bypassed = values[bypassIndex] >= 0.5f;
+    const auto lowCorner = (double) values[lowFreqIndex];
+    const auto highCorner = (double) values[highFreqIndex];
     const auto n = buffer.getNumSamples();
     const auto shelfChannels = std::min (numChannels, 2);
 
     if (! bypassed)
     {
-        const float targets[] = { low->get(), low->get(), high->get(), high->get() };
+        const float targets[] = { values[lowIndex], values[lowIndex], values[highIndex], values[highIndex] };
 
         for (int k = 0; k < 4; ++k)
         {
@@ -325,15 +329,15 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
         auto& lowShelf = filters[channel];
         auto& highShelf = filters[2 + channel];
 
-        if ((double) lowFreq->get() != lowShelf.Fc)
+        if (lowCorner != lowShelf.Fc)
         {
-            lowShelf.Fc = (double) lowFreq->get();
+            lowShelf.Fc = lowCorner;
             lowShelf.design();
         }
 
-        if ((double) highFreq->get() != highShelf.Fc)
+        if (highCorner != highShelf.Fc)
         {
-            highShelf.Fc = (double) highFreq->get();
+            highShelf.Fc = highCorner;
             highShelf.design();
         }
 
@@ -366,10 +370,10 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
         smoother.previous = smoother.target;
 }
 
-void QuendaAudioProcessor::processTrim (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed)
+void QuendaAudioProcessor::processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
     const auto n = buffer.getNumSamples();
-    const auto trimDb = bypassed ? 0.0f : trim->get();
+    const auto trimDb = values[bypassIndex] >= 0.5f ? 0.0f : values[trimIndex];
 
     if (trimDb == previousTrimDb)
     {

@@ -93,9 +93,9 @@ private:
     /** Designs the kernels for the current sample rate, under the engine lock. */
     void computeFilters();
 
-    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
-    void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
-    void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, bool bypassed);
+    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
+    void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
+    void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
 
     // Low shelf of channels 0 and 1, then high shelf of channels 0 and 1.
     Biquad filters[4];
