@@ -69,6 +69,26 @@ void QuendaAudioProcessorEditor::Images::paint (juce::Graphics& g)
 }
 
 //==============================================================================
+template <typename SliderType>
+std::unique_ptr<SliderType> QuendaAudioProcessorEditor::addKnob (const juce::String& name, double minimum,
+                                                                 double maximum, int textBoxHeight)
+{
+    auto knob = std::make_unique<SliderType> (name);
+    addAndMakeVisible (knob.get());
+    styleSlider (*knob, minimum, maximum, textBoxHeight);
+    knob->addListener (this);
+    return knob;
+}
+
+std::unique_ptr<juce::Label> QuendaAudioProcessorEditor::addLabel (const juce::String& name, const juce::String& text,
+                                                                   float fontHeight)
+{
+    auto label = std::make_unique<juce::Label> (name, text);
+    addAndMakeVisible (label.get());
+    styleLabel (*label, fontHeight);
+    return label;
+}
+
 QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     : juce::AudioProcessorEditor (p), processor (p)
 {
@@ -81,20 +101,13 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     trimGroup = std::make_unique<juce::GroupComponent> ("new group", TRANS ("Trim"));
     addAndMakeVisible (trimGroup.get());
 
-    tiltSlider = std::make_unique<mySlider> ("tilt_slider");
-    addAndMakeVisible (tiltSlider.get());
+    tiltSlider = addKnob<mySlider> ("tilt_slider", -1.0, 1.0, 20);
     tiltSlider->setTooltip (TRANS ("Tilt\n"));
-    styleSlider (*tiltSlider, -1.0, 1.0, 20);
-    tiltSlider->addListener (this);
 
-    makerLabel = std::make_unique<juce::Label> ("dffd", TRANS ("Selvane\n"));
-    addAndMakeVisible (makerLabel.get());
-    styleLabel (*makerLabel, 15.0f);
+    makerLabel = addLabel ("dffd", TRANS ("Selvane\n"), 15.0f);
 
     // Lies outside the window; kept editable so a host's label editing still works on it.
-    tiltDisplay = std::make_unique<juce::Label> ("tilt_display", TRANS ("label text"));
-    addAndMakeVisible (tiltDisplay.get());
-    styleLabel (*tiltDisplay, 15.0f);
+    tiltDisplay = addLabel ("tilt_display", TRANS ("label text"), 15.0f);
     tiltDisplay->setEditable (true, true, false);
     tiltDisplay->addListener (this);
 
@@ -103,19 +116,13 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     addAndMakeVisible (bypassButton.get());
     bypassButton->addListener (this);
 
-    lowGainCaption = std::make_unique<juce::Label> ("new label", TRANS ("low\n"));
-    addAndMakeVisible (lowGainCaption.get());
-    styleLabel (*lowGainCaption, 11.0f);
+    lowGainCaption = addLabel ("new label", TRANS ("low\n"), 11.0f);
     lowGainCaption->setColour (juce::Label::textColourId, juce::Colours::white);
 
-    tiltLowCaption = std::make_unique<juce::Label> ("new label", TRANS ("Low\n"));
-    addAndMakeVisible (tiltLowCaption.get());
-    styleLabel (*tiltLowCaption, 11.0f);
+    tiltLowCaption = addLabel ("new label", TRANS ("Low\n"), 11.0f);
     tiltLowCaption->setColour (juce::Label::textColourId, juce::Colour (0xffa6a6a6));
 
-    tiltHighCaption = std::make_unique<juce::Label> ("new label", TRANS ("High\n"));
-    addAndMakeVisible (tiltHighCaption.get());
-    styleLabel (*tiltHighCaption, 11.0f);
+    tiltHighCaption = addLabel ("new label", TRANS ("High\n"), 11.0f);
     tiltHighCaption->setColour (juce::Label::textColourId, juce::Colour (0xffa6a6a6));
 
     linPhaseButton = std::make_unique<juce::ToggleButton> ("lin_phase");
@@ -123,53 +130,28 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     linPhaseButton->setButtonText (TRANS ("linear phase"));
     linPhaseButton->addListener (this);
 
-    dashCaption = std::make_unique<juce::Label> ("new label", TRANS ("-\n"));
-    addAndMakeVisible (dashCaption.get());
-    styleLabel (*dashCaption, 15.0f);
+    dashCaption = addLabel ("new label", TRANS ("-\n"), 15.0f);
 
-    trimSlider = std::make_unique<mySlider> ("trim_slider");
-    addAndMakeVisible (trimSlider.get());
-    styleSlider (*trimSlider, -6.0, 6.0, 20);
-    trimSlider->addListener (this);
+    trimSlider = addKnob<mySlider> ("trim_slider", -6.0, 6.0, 20);
 
-    lowSlider = std::make_unique<mySlider> ("slider_low");
-    addAndMakeVisible (lowSlider.get());
-    styleSlider (*lowSlider, -6.0, 6.0, 16);
-    lowSlider->addListener (this);
+    lowSlider = addKnob<mySlider> ("slider_low", -6.0, 6.0, 16);
 
-    highSlider = std::make_unique<mySlider> ("slider_high");
-    addAndMakeVisible (highSlider.get());
-    styleSlider (*highSlider, -3.0, 3.0, 16);
-    highSlider->addListener (this);
+    highSlider = addKnob<mySlider> ("slider_high", -3.0, 3.0, 16);
 
-    tiltUnitCaption = std::make_unique<juce::Label> ("new label", TRANS ("linear tilt [dB /oct.]\n"));
-    addAndMakeVisible (tiltUnitCaption.get());
-    styleLabel (*tiltUnitCaption, 12.0f);
+    tiltUnitCaption = addLabel ("new label", TRANS ("linear tilt [dB /oct.]\n"), 12.0f);
 
-    highGainCaption = std::make_unique<juce::Label> ("new label", TRANS ("high\n"));
-    addAndMakeVisible (highGainCaption.get());
-    styleLabel (*highGainCaption, 11.0f);
+    highGainCaption = addLabel ("new label", TRANS ("high\n"), 11.0f);
 
-    lowFreqSlider = std::make_unique<my_freqSlider> ("low_freq_slider");
-    addAndMakeVisible (lowFreqSlider.get());
-    styleSlider (*lowFreqSlider, 20.0, 300.0, 16);
+    lowFreqSlider = addKnob<my_freqSlider> ("low_freq_slider", 20.0, 300.0, 16);
     lowFreqSlider->setSkewFactor (0.5);
-    lowFreqSlider->addListener (this);
 
-    highFreqSlider = std::make_unique<my_freqSlider> ("high_freq_slider");
-    addAndMakeVisible (highFreqSlider.get());
-    styleSlider (*highFreqSlider, 3000.0, 15000.0, 16);
+    highFreqSlider = addKnob<my_freqSlider> ("high_freq_slider", 3000.0, 15000.0, 16);
     highFreqSlider->setSkewFactor (0.5);
-    highFreqSlider->addListener (this);
 
-    lowFreqCaption = std::make_unique<juce::Label> ("new label", TRANS ("low freq\n"));
-    addAndMakeVisible (lowFreqCaption.get());
-    styleLabel (*lowFreqCaption, 11.0f);
+    lowFreqCaption = addLabel ("new label", TRANS ("low freq\n"), 11.0f);
     lowFreqCaption->setColour (juce::Label::textColourId, juce::Colours::white);
 
-    highFreqCaption = std::make_unique<juce::Label> ("new label", TRANS ("high freq"));
-    addAndMakeVisible (highFreqCaption.get());
-    styleLabel (*highFreqCaption, 11.0f);
+    highFreqCaption = addLabel ("new label", TRANS ("high freq"), 11.0f);
 
     // The editor has no look-and-feel of its own, so this greys the thumbs of every knob
     // that uses the shared default; the tilt knob gets its own below.

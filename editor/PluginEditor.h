@@ -73,6 +73,11 @@ public:
     const std::vector<juce::Component*>& getControls() const noexcept { return controls; }
 
 private:
+    /** Creates a child, shows it at once (creation order is stacking order) and styles it. */
+    template <typename SliderType>
+    std::unique_ptr<SliderType> addKnob (const juce::String& name, double minimum, double maximum, int textBoxHeight);
+    std::unique_ptr<juce::Label> addLabel (const juce::String& name, const juce::String& text, float fontHeight);
+
     PlainFloatParameter* floatParameterFor (const juce::Component*) const;
     juce::AudioParameterBool* boolParameterFor (const juce::Component*) const;
     juce::AudioProcessorParameter* parameterFor (const juce::Component*) const;
