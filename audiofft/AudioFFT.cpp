@@ -140,4 +140,59 @@ void FFTW3FFT::scaleInverseOutput (float* data) const noexcept
         data[i] = source[i] * scale;
 }
 
+//==============================================================================
+SplitRealFft::~SplitRealFft()
+{
+    init (0);
+}
+
+void SplitRealFft::init (int size)
+{
+    if (size == fftSize)
+        return;
+
+    const std::lock_guard<std::mutex> lock (plannerMutex());
+
+    forwardPlan.reset();
+    inversePlan.reset();
+    fftSize = size;
+
+    if (size == 0)
+        return;
+
+    // Plans are made on scratch arrays of the same alignment as every caller's.
+    const auto numBins = (size_t) size / 2 + 1;
+    auto time = allocate<float> ((size_t) size);
+    auto re = allocate<float> (numBins);
+    auto im = allocate<float> (numBins);
+    const fftwf_iodim dimension { size, 1, 1 };
+
+    forwardPlan.reset (fftwf_plan_guru_split_dft_r2c (1, &dimension, 0, nullptr, time.get(), re.get(), im.get(),
+                                                      FFTW_ESTIMATE));
+    inversePlan.reset (fftwf_plan_guru_split_dft_c2r (1, &dimension, 0, nullptr, re.get(), im.get(), time.get(),
+                                                      FFTW_ESTIMATE));
+}
+
+void SplitRealFft::forward (float* time, float* re, float* im) const noexcept
+{
+    fftwf_execute_split_dft_r2c (forwardPlan.get(), time, re, im);
+}
+
+void SplitRealFft::inverseUnscaled (float* re, float* im, float* time) const noexcept
+{
+    fftwf_execute_split_dft_c2r (inversePlan.get(), re, im, time);
+}
+
+void AlignedFloats::resize (size_t newCount)
+{
+    values = allocate<float> (std::max<size_t> (newCount, 1));
+    count = newCount;
+    clear();
+}
+
+void AlignedFloats::clear() noexcept
+{
+    std::fill_n (values.get(), count, 0.0f);
+}
+
 } // namespace audiofft

@@ -105,4 +105,55 @@ private:
     detail::FftwArray<Complex> forwardOutput, inverseInput;
 };
 
+/**
+    A pair of split-complex real FFT plans of one size for streaming work: the caller owns
+    the (fftwf_malloc-aligned) arrays and passes them to every transform, so nothing is copied.
+    Forward is unscaled and so is inverse (it returns N times the input). The inverse may
+    overwrite its input spectrum. Plans are made under the process-wide planner lock;
+    executing them allocates nothing and is safe from any one thread at a time.
+*/
+class SplitRealFft
+{
+public:
+    SplitRealFft() = default;
+    SplitRealFft (const SplitRealFft&) = delete;
+    SplitRealFft& operator= (const SplitRealFft&) = delete;
+    SplitRealFft (SplitRealFft&&) = default;
+    SplitRealFft& operator= (SplitRealFft&&) = delete;
+    ~SplitRealFft();
+
+    /** Makes the plans for size N (a release when N is 0). */
+    void init (int size);
+
+    int size() const noexcept { return fftSize; }
+
+    void forward (float* time, float* re, float* im) const noexcept;
+    void inverseUnscaled (float* re, float* im, float* time) const noexcept;
+
+private:
+    int fftSize = 0;
+    detail::FftwPlan forwardPlan, inversePlan;
+};
+
+/** fftwf_malloc'd float storage, zero-filled, sized once. */
+class AlignedFloats
+{
+public:
+    AlignedFloats() = default;
+    explicit AlignedFloats (size_t count) { resize (count); }
+    void resize (size_t count);
+
+    float* data() noexcept              { return values.get(); }
+    const float* data() const noexcept  { return values.get(); }
+    size_t size() const noexcept        { return count; }
+    void clear() noexcept;
+
+    float& operator[] (size_t i) noexcept              { return values[i]; }
+    const float& operator[] (size_t i) const noexcept  { return values[i]; }
+
+private:
+    detail::FftwArray<float> values;
+    size_t count = 0;
+};
+
 } // namespace audiofft

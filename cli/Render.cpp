@@ -66,22 +66,8 @@ Renderer::Renderer (QuendaAudioProcessor& processorToUse, int channels, double s
     if (processor.getTotalNumInputChannels() != numChannels || processor.getTotalNumOutputChannels() != numChannels)
         throw CliError (ExitCode::internalError, "the processor refused a " + juce::String (numChannels) + "-channel layout");
 
+    // Designs the kernels and sets every filter to the settings: the first block is final.
     processor.prepareToPlay (sampleRate, settings.blockSize);
-
-    // The first block sizes the engine (and comes out silent), the new sample rate costs
-    // one dry block, and the kernels are then designed here rather than on a message loop.
-    for (int i = 0; i < 2; ++i)
-    {
-        block.clear();
-        processor.processBlock (block, midi);
-    }
-
-    processor.handleUpdateNowIfNeeded();
-
-    // Shelf gains glide from 0 dB over the first processed block; let that happen on silence.
-    block.clear();
-    processor.processBlock (block, midi);
-
     latency = processor.getLatencySamples();
 }
 

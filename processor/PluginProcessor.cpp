@@ -4,6 +4,7 @@
 #include "platform/HostInfo.h"
 
 #include <cmath>
+#include <limits>
 
 namespace
 {
@@ -78,6 +79,7 @@ QuendaAudioProcessor::QuendaAudioProcessor()
     filtersLock.release();
 
     prepareEngine (std::max (getBlockSize(), 0));
+    requestFilterComputation();
 }
 
 QuendaAudioProcessor::~QuendaAudioProcessor()
@@ -106,13 +108,12 @@ void QuendaAudioProcessor::prepareEngine (int maximumBlockSize)
 {
     // Held while the buffers change so that no kernel computation can run on half-made ones.
     engineLock.wait();
-    engine.prepare (maximumBlockSize);
+    tiltStage.prepare (maximumBlockSize);
+    kernelBank.prepare (tiltStage.getLayout(), TiltStage::fftSizeFor (maximumBlockSize));
     engineLock.release();
 
     // Unpaired, like the one at construction: frees a lock another instance holds right now.
     engineLock.release();
-
-    requestFilterComputation();
 }
 
 void QuendaAudioProcessor::requestFilterComputation()
@@ -134,12 +135,44 @@ void QuendaAudioProcessor::computeFilters()
     filtersReady = true;
     filtersLock.release();
 
+    // The shared lock serialises designs across instances; the audio thread never takes it,
+    // it picks the new set up at its next block.
     engineLock.wait();
-    engine.design (getSampleRate());
+    kernelBank.design (getSampleRate());
     engineLock.release();
 }
 
 //==============================================================================
+namespace
+{
+    // Limits that keep every design finite and stable at any rate, far outside the
+    // editor's ranges; the parameters themselves keep whatever value they were given.
+    constexpr double lowestCorner = 0.01;
+    constexpr double highestCornerRatio = 0.49;
+    constexpr float gainLimitDb = 200.0f;
+    constexpr double tiltLimit = 100.0;
+
+    double safeCorner (double corner, double rate) noexcept
+    {
+        return juce::jlimit (lowestCorner, highestCornerRatio * rate, corner);
+    }
+
+    float safeGain (float gainDb) noexcept
+    {
+        return juce::jlimit (-gainLimitDb, gainLimitDb, gainDb);
+    }
+
+    bool isFinite (const float* samples, int n) noexcept
+    {
+        auto finite = true;
+
+        for (int i = 0; i < n; ++i)
+            finite &= std::abs (samples[i]) <= std::numeric_limits<float>::max();
+
+        return finite;
+    }
+}
+
 void QuendaAudioProcessor::configureShelves()
 {
     const auto rate = getSampleRate();
@@ -151,15 +184,62 @@ void QuendaAudioProcessor::configureShelves()
     }
 }
 
-void QuendaAudioProcessor::prepareToPlay (double, int)
+void QuendaAudioProcessor::resetShelves (const StateBlock::Values& values)
 {
-    previousTrimDb = trim->get();
-    previousTilt = (double) tilt->get();
+    const auto bypassed = values[bypassIndex] >= 0.5f;
+    const auto rate = getSampleRate();
 
-    configureShelves();
+    for (int index = 0; index < 4; ++index)
+    {
+        const auto isLow = index < 2;
+        auto& filter = filters[index];
+        auto& smoother = smoothers[index];
 
-    for (auto& smoother : smoothers)
-        smoother.previous = smoother.target;
+        smoother.target = bypassed ? 0.0f : safeGain (values[isLow ? lowIndex : highIndex]);
+        smoother.previous = smoother.current = smoother.target;
+        smoother.increment = 0.0;
+
+        filter.type = isLow ? Biquad::lowShelfQ : Biquad::highShelfMirrored;
+        filter.Q = isLow ? lowShelfQ : highShelfQ;
+
+        if (isUsableSampleRate (rate))
+            filter.sampleRate = rate;
+
+        filter.Fc = safeCorner ((double) values[isLow ? lowFreqIndex : highFreqIndex], filter.sampleRate);
+        filter.gainDb = (double) smoother.target;
+        filter.design();
+        filter.ready = 1;
+        filter.z1 = filter.z2 = 0.0;
+    }
+}
+
+void QuendaAudioProcessor::reportLatency (bool linearPhase)
+{
+    const auto latency = baseLatency + (linearPhase ? linearPhaseLatency : 0);
+
+    if (reportedLatency.exchange (latency) != latency)
+        setLatencySamples (latency);
+}
+
+void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerBlock)
+{
+    // Everything a block needs is made here, off the audio thread: buffers for the declared
+    // block size, kernels for this rate, filters and glides starting from silence, and the
+    // latency, so that the first block is already fully processed.
+    cancelPendingUpdate();
+    prepareEngine (std::max (maximumExpectedSamplesPerBlock, 1));
+    computeFilters();
+
+    const auto values = getParameterValues();
+    const auto bypassed = values[bypassIndex] >= 0.5f;
+
+    tiltStage.setPreviousTilt (bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]));
+    previousTrimDb = bypassed ? 0.0f : safeGain (values[trimIndex]);
+    resetShelves (values);
+    preparedSampleRate = getSampleRate();
+
+    latencyIsLinear = values[linPhaseIndex] >= 0.5f;
+    reportLatency (latencyIsLinear);
 }
 
 void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce::MidiBuffer&)
@@ -176,32 +256,20 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
 
     const auto numChannels = std::min (numOutputs, buffer.getNumChannels());
 
-    if (n > engine.getPreparedBlockSize())
-    {
-        // This block is lost while the buffers grow. Sizing for the host's declared maximum
-        // too means a host that exceeds it once does not go silent block after block.
-        for (int channel = 0; channel < numChannels; ++channel)
-            buffer.clear (channel, 0, n);
-
-        prepareEngine (std::max (n, getBlockSize()));
-    }
-
     // Every parameter is read once per block, so all stages agree even while a host writes.
     const auto values = getParameterValues();
     const auto linearPhase = values[linPhaseIndex] >= 0.5f;
 
     if (linearPhase != latencyIsLinear)
     {
-        const auto latency = baseLatency + (linearPhase ? linearPhaseLatency : 0);
-
-        if (latency != getLatencySamples())
-            setLatencySamples (latency);
-
+        reportLatency (linearPhase);
         latencyIsLinear = linearPhase;
     }
 
     const auto sampleRate = getSampleRate();
 
+    // A host that changes the rate without preparing again: the shelves follow at once, the
+    // kernels after the message thread has designed them.
     if (sampleRate != preparedSampleRate)
     {
         for (auto& filter : filters)
@@ -209,6 +277,7 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
             if (isUsableSampleRate (sampleRate))
                 filter.sampleRate = sampleRate;
 
+            filter.Fc = safeCorner (filter.Fc, filter.sampleRate);
             filter.design();
         }
 
@@ -217,91 +286,65 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
         return;
     }
 
-    filtersLock.wait();
-    const auto ready = filtersReady;
-    filtersLock.release();
+    const auto* kernels = kernelBank.acquire();
 
-    if (! ready)
+    if (! filtersReady || kernels == nullptr)
     {
+        kernelBank.release();
         requestFilterComputation();
         return;
     }
 
-    processTilt (buffer, numChannels, values);
+    processTilt (buffer, numChannels, values, *kernels);
+    kernelBank.release();
+
     processShelves (buffer, numChannels, values);
     processTrim (buffer, numChannels, values);
-}
 
-void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
-{
-    const auto n = buffer.getNumSamples();
-    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
-    const auto bypassed = values[bypassIndex] >= 0.5f;
-    const auto engineChannels = std::min (numChannels, TiltEngine::numChannels);
-
-    engineLock.wait();
-
-    engine.writeInput (buffer.getArrayOfReadPointers(), engineChannels, n);
-
-    const double target = bypassed ? 0.0 : (double) values[tiltIndex];
-    const auto gliding = target != previousTilt;
-    const auto needPositive = gliding || target > 0.0;
-    const auto needNegative = gliding || target < 0.0;
-    const auto step = (target - previousTilt) / n;
-    const auto dryDelay = baseLatency + (linearPhase ? linearPhaseLatency : 0);
-
-    for (int channel = 0; channel < engineChannels; ++channel)
-        engine.writeDry (channel, buffer.getReadPointer (channel), n, dryDelay);
-
-    engine.convolve (engineChannels, n, needPositive, needNegative, linearPhase);
-
-    for (int channel = 0; channel < engineChannels; ++channel)
+    // One check per block: a non-finite input or state must not stay in the filters.
+    for (int channel = 0; channel < numChannels; ++channel)
     {
-        auto* samples = buffer.getWritePointer (channel);
-        const auto* positive = engine.positiveOutput (channel);
-        const auto* negative = engine.negativeOutput (channel);
-        const auto* delayedDry = engine.dry (channel);
-
-        for (int i = 0; i < n; ++i)
+        if (! isFinite (buffer.getReadPointer (channel), n))
         {
-            const auto t = gliding ? previousTilt + i * step : target;
-            const auto drySample = linearPhase ? delayedDry[i] : samples[i];
-            const auto weight = std::abs (t);
-            const auto dryPart = (float) (1.0 - weight) * drySample;
-
-            // At t = 0 the wet outputs may not have been computed and must not be read.
-            if (t == 0.0)
-            {
-                samples[i] = dryPart;
-                continue;
-            }
-
-            const auto wet = t < 0.0 ? negative[i] : positive[i];
-            samples[i] = (float) ((double) wet * weight + (double) dryPart);
+            recoverFromNonFiniteOutput (buffer, numChannels);
+            break;
         }
     }
+}
 
-    previousTilt = target;
+void QuendaAudioProcessor::recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept
+{
+    for (int channel = 0; channel < numChannels; ++channel)
+        buffer.clear (channel, 0, buffer.getNumSamples());
 
-    for (int channel = 0; channel < engineChannels; ++channel)
-        engine.advanceDry (channel, n, dryDelay);
+    for (auto& filter : filters)
+        filter.z1 = filter.z2 = 0.0;
 
-    engine.consume (n, needPositive, needNegative);
+    tiltStage.reset();
+}
 
-    engineLock.release();
+void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values,
+                                        const TiltKernelSet& kernels)
+{
+    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
+    const auto bypassed = values[bypassIndex] >= 0.5f;
+    const auto target = bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]);
+
+    tiltStage.process (buffer.getArrayOfWritePointers(), numChannels, buffer.getNumSamples(), target, linearPhase, kernels);
 }
 
 void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
     const auto bypassed = values[bypassIndex] >= 0.5f;
-    const auto lowCorner = (double) values[lowFreqIndex];
-    const auto highCorner = (double) values[highFreqIndex];
+    const auto lowCorner = safeCorner ((double) values[lowFreqIndex], filters[0].sampleRate);
+    const auto highCorner = safeCorner ((double) values[highFreqIndex], filters[2].sampleRate);
     const auto n = buffer.getNumSamples();
     const auto shelfChannels = std::min (numChannels, 2);
 
     if (! bypassed)
     {
-        const float targets[] = { values[lowIndex], values[lowIndex], values[highIndex], values[highIndex] };
+        const auto lowGain = safeGain (values[lowIndex]), highGain = safeGain (values[highIndex]);
+        const float targets[] = { lowGain, lowGain, highGain, highGain };
 
         for (int k = 0; k < 4; ++k)
         {
@@ -373,7 +416,7 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
 void QuendaAudioProcessor::processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
     const auto n = buffer.getNumSamples();
-    const auto trimDb = values[bypassIndex] >= 0.5f ? 0.0f : values[trimIndex];
+    const auto trimDb = values[bypassIndex] >= 0.5f ? 0.0f : safeGain (values[trimIndex]);
 
     if (trimDb == previousTrimDb)
     {
@@ -432,6 +475,9 @@ void QuendaAudioProcessor::setStateInformation (const void* data, int sizeInByte
         else
             parameters[(int) i]->setValueNotifyingHost (*value);
     }
+
+    // The host learns the latency of the restored phase mode now, not at the first block.
+    reportLatency (linPhase->get());
 }
 
 juce::AudioProcessor* JUCE_CALLTYPE createPluginFilter()

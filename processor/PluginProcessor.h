@@ -4,7 +4,7 @@
 #include "PlainParameter.h"
 #include "StateBlock.h"
 #include "processor/Biquad.h"
-#include "processor/TiltEngine.h"
+#include "processor/TiltStage.h"
 #include "platform/NamedSemaphore.h"
 
 #include <juce_audio_processors/juce_audio_processors.h>
@@ -69,7 +69,7 @@ public:
     static constexpr const char* filtersLockName = "Local\\SelvaneComputeFilters_semaphore";
 
     /** Latency added while linear phase is on: the kernel's centre. */
-    static constexpr int linearPhaseLatency = TiltEngine::linearPhaseDelay;
+    static constexpr int linearPhaseLatency = TiltStage::linearPhaseDelay;
 
 private:
     /** A shelf gain's glide over one block, in dB. */
@@ -83,17 +83,28 @@ private:
 
     void handleAsyncUpdate() override;
 
-    /** Sizes the engine for blocks of up to blockSize samples and asks for new kernels. */
+    /** Sizes the tilt stage and the kernel sets for blocks of up to blockSize samples. */
     void prepareEngine (int maximumBlockSize);
 
     /** Runs computeFilters() at once in the one host that needs it, otherwise on the
         message thread. */
     void requestFilterComputation();
 
-    /** Designs the kernels for the current sample rate, under the engine lock. */
+    /** Designs the kernels for the current sample rate under the shared locks and hands
+        them to the audio thread. */
     void computeFilters();
 
-    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
+    /** Shelves at the current settings and rate with their state cleared, no glide pending. */
+    void resetShelves (const StateBlock::Values& values);
+
+    /** Reports the latency for a "lin_phase" state, once per change, from either thread. */
+    void reportLatency (bool linearPhase);
+
+    /** After a block whose output was not finite: silence it and clear every filter state. */
+    void recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
+
+    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values,
+                      const TiltKernelSet& kernels);
     void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
     void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
 
@@ -115,12 +126,13 @@ private:
 
     GainSmoother smoothers[4];
     bool latencyIsLinear = false;
+    std::atomic<int> reportedLatency { 0 };
 
-    TiltEngine engine;
-    bool filtersReady = false;          // guarded by filtersLock
+    TiltStage tiltStage;
+    TiltKernelBank kernelBank;
+    std::atomic<bool> filtersReady { false };
     int baseLatency = 0;
 
-    double previousTilt = 0.0;
     float previousTrimDb = 0.0f;
     double preparedSampleRate = 0.0;
 

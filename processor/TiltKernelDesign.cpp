@@ -144,17 +144,20 @@ void TiltKernelDesigner::prepare (int newFftSize)
 }
 
 void TiltKernelDesigner::design (double sampleRate, audiofft::FFTW3FFT& mainFft,
-                                 audiofft::FFTW3FFT& minPhaseFft, TiltKernelSpectra& out)
+                                 audiofft::FFTW3FFT& minPhaseFft, TiltKernelSpectra& out, TiltKernelTaps* taps)
 {
     out.resize (fftSize);
-    designSlope (-1.0, sampleRate, mainFft, minPhaseFft, out.linearFalling, out.minimumFalling);
-    designSlope (1.0, sampleRate, mainFft, minPhaseFft, out.linearRising, out.minimumRising);
+    designSlope (-1.0, sampleRate, mainFft, minPhaseFft, out.linearFalling, out.minimumFalling,
+                 taps != nullptr ? &taps->linearFalling : nullptr, taps != nullptr ? &taps->minimumFalling : nullptr);
+    designSlope (1.0, sampleRate, mainFft, minPhaseFft, out.linearRising, out.minimumRising,
+                 taps != nullptr ? &taps->linearRising : nullptr, taps != nullptr ? &taps->minimumRising : nullptr);
 }
 
 void TiltKernelDesigner::designSlope (double slope, double sampleRate,
                                       audiofft::FFTW3FFT& mainFft, audiofft::FFTW3FFT& minPhaseFft,
                                       std::vector<tilt::Complex>& linearOut,
-                                      std::vector<tilt::Complex>& minimumOut)
+                                      std::vector<tilt::Complex>& minimumOut,
+                                      std::vector<float>* linearTaps, std::vector<float>* minimumTaps)
 {
     const auto size = (size_t) fftSize;
     const auto centre = (size_t) tilt::latencySamples;
@@ -174,9 +177,16 @@ void TiltKernelDesigner::designSlope (double slope, double sampleRate,
 
     mainFft.fft (kernel.data(), linearOut);
 
+    if (linearTaps != nullptr)
+        linearTaps->assign (kernel.begin(), kernel.begin() + (std::ptrdiff_t) length);
+
     if (sampleRate <= 0.0)
     {
         std::fill (minimumOut.begin(), minimumOut.end(), tilt::Complex());
+
+        if (minimumTaps != nullptr)
+            minimumTaps->assign (size, 0.0f);
+
         return;
     }
 
@@ -188,4 +198,7 @@ void TiltKernelDesigner::designSlope (double slope, double sampleRate,
     std::fill (impulseResponse.begin() + (std::ptrdiff_t) kept, impulseResponse.end(), 0.0f);
 
     mainFft.fft (impulseResponse.data(), minimumOut);
+
+    if (minimumTaps != nullptr)
+        minimumTaps->assign (impulseResponse.begin(), impulseResponse.end());
 }

@@ -85,6 +85,16 @@ struct TiltKernelSpectra
     std::vector<tilt::Complex> minimumRising;
 };
 
+/** The same four kernels in the time domain: the linear ones kernelLength taps long, the
+    minimum-phase ones the first N samples of their impulse response. */
+struct TiltKernelTaps
+{
+    std::vector<float> linearFalling;
+    std::vector<float> linearRising;
+    std::vector<float> minimumFalling;
+    std::vector<float> minimumRising;
+};
+
 /**
     Designs the tilt kernel spectra for an FFT size and a sample rate, and owns the
     work buffers. prepare() allocates; design() runs on the thread that computes the
@@ -99,16 +109,17 @@ public:
     /** Fills out with linear falling, linear rising, minimum falling and minimum
         rising, in that order. mainFft is set to the prepared size and minPhaseFft to
         minimumPhaseFftSize. A sampleRate <= 0 leaves the target as it was and gives
-        zero minimum-phase spectra. */
+        zero minimum-phase spectra. When taps is given it receives the time-domain kernels. */
     void design (double sampleRate, audiofft::FFTW3FFT& mainFft,
-                 audiofft::FFTW3FFT& minPhaseFft, TiltKernelSpectra& out);
+                 audiofft::FFTW3FFT& minPhaseFft, TiltKernelSpectra& out, TiltKernelTaps* taps = nullptr);
 
     int getFftSize() const noexcept { return fftSize; }
 
 private:
     void designSlope (double slope, double sampleRate,
                       audiofft::FFTW3FFT& mainFft, audiofft::FFTW3FFT& minPhaseFft,
-                      std::vector<tilt::Complex>& linearOut, std::vector<tilt::Complex>& minimumOut);
+                      std::vector<tilt::Complex>& linearOut, std::vector<tilt::Complex>& minimumOut,
+                      std::vector<float>* linearTaps, std::vector<float>* minimumTaps);
 
     int fftSize = 0;
     std::vector<float> window;                 // kernelLength taps, already in float

@@ -105,7 +105,7 @@ namespace
             ready.processor.handleUpdateNowIfNeeded();
         }
 
-        state.counters["fft_size"] = TiltEngine::fftSizeFor (blockSize);
+        state.counters["fft_size"] = TiltStage::fftSizeFor (blockSize);
     }
 
     const bool registered = []

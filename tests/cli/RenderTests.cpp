@@ -41,7 +41,7 @@ TEST (Render, LengthAlignmentAndTheFirstSamples)
     for (int i = 0; i < length - delay; ++i)
         ASSERT_NEAR (outputs[0].getSample (0, i), outputs[1].getSample (0, i + delay), 1.0e-5f) << i;
 
-    // The renderer waits for kernels and glides: the very first samples are already processed.
+    // Kernels and filters are set before the first block: the very first samples are processed.
     EXPECT_GT (std::abs (outputs[3].getSample (0, 0) - 0.5f), 0.01f);
     EXPECT_GT (std::abs (outputs[3].getSample (0, 1)), 1.0e-4f);
     EXPECT_NEAR (outputs[4].getSample (0, 0), 0.5f * 0.501187f, 1.0e-6f);

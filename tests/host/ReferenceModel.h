@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // What Quenda's output should be, computed another way: the tilt by direct time-domain
-// summation over each block's input segment (no FFT in the signal path), shelves and trim
-// in double precision. Follows the documented block behaviour: a block longer than any
-// before is silent and regrows the buffers, the block after a sample-rate change is dry,
-// gains glide over one block, corners change at once.
+// summation over the input (no FFT in the signal path), shelves and trim in double precision.
+// Follows the documented block behaviour: every block is processed from the first, whatever
+// its length; gains glide over one block, corners change at once.
 #pragma once
 
 #include "processor/Biquad.h"
@@ -31,60 +30,54 @@ public:
     static constexpr int kernelLength = tilt::kernelLength;
     static constexpr int linearDelay = tilt::latencySamples;
 
-    /** As a host's effMainsChanged(1) does: the rate and declared block size, then prepareToPlay. */
-    void start (double newSampleRate, int newDeclaredBlockSize, const Settings& s)
+    /** As a host's effMainsChanged(1) does: the rate and declared block size, then
+        prepareToPlay, which designs the kernels and starts every filter and glide from
+        silence at the current settings. */
+    void start (double newSampleRate, int declaredBlockSize, const Settings& s)
     {
         sampleRate = newSampleRate;
-        declaredBlockSize = newDeclaredBlockSize;
-        previousTrim = s.trim;
-        previousTilt = s.tilt;
+        const bool bypassed = s.bypass >= 0.5f;
+        previousTrim = bypassed ? 0.0f : s.trim;
+        previousTilt = bypassed ? 0.0 : s.tilt;
 
-        for (int c = 0; c < 2; ++c)
+        fftSize = 1;
+        while (fftSize <= kernelLength + declaredBlockSize - 2)
+            fftSize *= 2;
+
+        designKernels();
+
+        for (auto& channel : past)
+            channel.assign ((size_t) fftSize, 0.0);
+
+        for (int k = 0; k < 4; ++k)
         {
-            shelves[c].configure (Biquad::lowShelfQ, s.lowFreq, 0.35, s.low, sampleRate);
-            shelves[2 + c].configure (Biquad::highShelfMirrored, s.highFreq, 0.5, s.high, sampleRate);
+            auto& shelf = shelves[k];
+            shelf = Biquad();
+            shelf.type = k < 2 ? Biquad::lowShelfQ : Biquad::highShelfMirrored;
+            shelf.Q = k < 2 ? 0.35 : 0.5;
+            shelf.sampleRate = sampleRate;
+            shelf.Fc = k < 2 ? s.lowFreq : s.highFreq;
+            shelf.gainDb = bypassed ? 0.0f : (k < 2 ? s.low : s.high);
+            shelf.design();
+            glides[k].target = glides[k].previous = (float) shelf.gainDb;
         }
 
-        for (auto& g : glides)
-            g.previous = g.target;
+        latencyIsLinear = s.linPhase >= 0.5f;
+        reportedLatency = latencyIsLinear ? linearDelay : 0;
     }
 
     int latency() const { return reportedLatency; }
 
-    /** The expected output of one block. */
+    /** The expected output of one block: the same kernels whatever the block's length. */
     Block process (const Block& input, const Settings& s)
     {
-        const auto n = (int) input[0].size();
         Block out = input;
-
-        if (n > preparedBlockSize)
-        {
-            for (auto& channel : out)
-                std::fill (channel.begin(), channel.end(), 0.0f);
-
-            prepare (std::max (n, declaredBlockSize));
-        }
-
         const bool linear = s.linPhase >= 0.5f;
 
         if (linear != latencyIsLinear)
         {
             reportedLatency = linear ? linearDelay : 0;
             latencyIsLinear = linear;
-        }
-
-        if (sampleRate != designedRate)
-        {
-            for (auto& shelf : shelves)
-            {
-                if (sampleRate > 0 && sampleRate < 384000)
-                    shelf.sampleRate = sampleRate;
-                shelf.design();
-            }
-
-            designedRate = sampleRate;
-            designKernels();
-            return out;
         }
 
         const bool bypassed = s.bypass >= 0.5f;
@@ -97,61 +90,28 @@ public:
 private:
     struct Glide { float target = 0, previous = 0; double increment = 0; };
 
-    void prepare (int blockSize)
-    {
-        preparedBlockSize = blockSize;
-        fftSize = 1;
-        while (fftSize <= kernelLength + blockSize - 2)
-            fftSize *= 2;
-
-        for (int c = 0; c < 2; ++c)
-        {
-            past[c].assign ((size_t) kernelLength - 1, 0.0);
-            dryLine[c].assign ((size_t) (blockSize + linearDelay), 0.0f);
-        }
-
-        designKernels();
-    }
-
     void designKernels()
     {
         // Kernels of the processor's own size and rate; their shape is verified on its own.
         TiltKernelDesigner designer;
         designer.prepare (fftSize);
         audiofft::FFTW3FFT fft, minimumPhaseFft;
-        fft.init ((size_t) fftSize);
         TiltKernelSpectra spectra;
-        spectra.resize (fftSize);
-        designer.design (sampleRate, fft, minimumPhaseFft, spectra);
+        TiltKernelTaps taps;
+        designer.design (sampleRate, fft, minimumPhaseFft, spectra, &taps);
 
-        const std::vector<tilt::Complex>* sources[] = { &spectra.linearFalling, &spectra.linearRising,
-                                                        &spectra.minimumFalling, &spectra.minimumRising };
-        std::vector<float> taps ((size_t) fftSize);
-
+        const std::vector<float>* sources[] = { &taps.linearFalling, &taps.linearRising,
+                                                &taps.minimumFalling, &taps.minimumRising };
         for (int k = 0; k < 4; ++k)
-        {
-            fft.ifft (taps.data(), *sources[k]);
-            kernels[k].assign (taps.begin(), taps.end());
-        }
+            kernels[k].assign (sources[k]->begin(), sources[k]->end());
     }
 
-    /** Output sample j of the block: the circular convolution of the zero-padded segment
-        (the last L - 1 + n inputs) with the N-tap kernel, at index L - 1 + j. */
-    double convolve (const std::vector<double>& kernel, const std::vector<double>& segment, int j) const
+    /** Linear convolution, by direct summation, of the input up to and including history[end]. */
+    static double convolve (const std::vector<double>& kernel, const std::vector<double>& history, size_t end)
     {
-        const auto m = kernelLength - 1 + j;
-        const auto length = (int) segment.size();
         double sum = 0;
-
-        for (int k = 0; k < fftSize; ++k)
-        {
-            auto index = m - k;
-            if (index < 0)
-                index += fftSize;
-            if (index < length && kernel[(size_t) k] != 0.0)
-                sum += kernel[(size_t) k] * segment[(size_t) index];
-        }
-
+        for (size_t k = 0; k < kernel.size() && k <= end; ++k)
+            sum += kernel[k] * history[end - k];
         return sum;
     }
 
@@ -161,30 +121,28 @@ private:
         const double target = bypassed ? 0.0 : s.tilt;
         const bool gliding = target != previousTilt;
         const auto step = (target - previousTilt) / n;
-        const auto delay = linear ? linearDelay : 0;
 
         for (int c = 0; c < 2; ++c)
         {
-            past[c].insert (past[c].end(), out[c].begin(), out[c].end());
-            const std::vector<double> segment (past[c].end() - (kernelLength - 1 + n), past[c].end());
-            std::copy (out[c].begin(), out[c].end(), dryLine[c].begin() + delay);
+            auto& history = past[c];
+            history.insert (history.end(), out[c].begin(), out[c].end());
+            const auto first = history.size() - (size_t) n;
 
             const auto& falling = kernels[linear ? 0 : 2];
             const auto& rising = kernels[linear ? 1 : 3];
 
             for (int i = 0; i < n; ++i)
             {
+                const auto now = first + (size_t) i;
                 const auto t = gliding ? previousTilt + i * step : target;
-                const auto dry = linear ? dryLine[c][(size_t) i] : out[c][(size_t) i];
+                const auto dry = (float) (linear ? history[now - (size_t) linearDelay] : history[now]);
                 const auto dryPart = (float) (1.0 - std::abs (t)) * dry;
-                const auto wet = t == 0.0 ? 0.0 : (float) convolve (t < 0.0 ? rising : falling, segment, i);
+                const auto wet = t == 0.0 ? 0.0 : (float) convolve (t < 0.0 ? rising : falling, history, now);
                 out[c][(size_t) i] = (float) (wet * std::abs (t) + dryPart);
             }
 
-            std::copy (dryLine[c].begin() + n, dryLine[c].begin() + n + delay, dryLine[c].begin());
-
-            // Only the last L - 1 samples are ever needed again.
-            past[c].erase (past[c].begin(), past[c].end() - (kernelLength - 1));
+            // Only the last N samples are ever needed again.
+            history.erase (history.begin(), history.end() - fftSize);
         }
 
         previousTilt = target;
@@ -252,8 +210,8 @@ private:
         previousTrim = trim;
     }
 
-    double sampleRate = 0, designedRate = 0;
-    int declaredBlockSize = 0, preparedBlockSize = 0, fftSize = 0;
+    double sampleRate = 0;
+    int fftSize = 0;
     int reportedLatency = 0;
     bool latencyIsLinear = false;
     double previousTilt = 0;
@@ -261,7 +219,6 @@ private:
 
     std::vector<double> kernels[4];
     std::vector<double> past[2];
-    std::vector<float> dryLine[2];
     Biquad shelves[4];
     Glide glides[4];
 };

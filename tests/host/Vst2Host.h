@@ -53,9 +53,12 @@ private:
 class Instance
 {
 public:
-    Instance()
+    Instance() : Instance (Library::get().entry()) {}
+
+    /** An instance of another plug-in, from its entry point. */
+    explicit Instance (PluginMain entry)
     {
-        effect = Library::get().entry() (hostCallback);
+        effect = entry (hostCallback);
         if (effect == nullptr || effect->magic != 0x56737450)
             throw std::runtime_error ("VSTPluginMain returned no effect");
         dispatch (effOpen);

@@ -11,18 +11,11 @@ namespace quenda_test
 
     inline void setParameter (Processor& processor, int index, float plainValue)  { processor.getParameters()[index]->setValue (plainValue); }
 
-    // Runs the blocks that precede normal processing (a silent one that sizes the engine, a
-    // dry one at the new rate), then the kernel computation the message thread would run.
+    // As a host starts playback: stereo at 48 kHz, then prepareToPlay, which designs the kernels.
     inline void makeReady (Processor& processor, int blockSize)
     {
         processor.setPlayConfigDetails (2, 2, 48000.0, blockSize);
         processor.prepareToPlay (48000.0, blockSize);
-        juce::AudioBuffer<float> silence (2, blockSize);
-        silence.clear();
-        juce::MidiBuffer midi;
-        processor.processBlock (silence, midi);
-        processor.processBlock (silence, midi);
-        processor.handleUpdateNowIfNeeded();
     }
 
     // A ready processor with linear phase on and a tilt, so every block runs the convolution.

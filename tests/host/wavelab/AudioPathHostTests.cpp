@@ -92,7 +92,7 @@ TEST (AudioPath, IrregularBlockSizesIncludingSingleSamples)
     }
 }
 
-TEST (AudioPath, ABlockLongerThanDeclaredIsSilentOnceThenProcessingGoesOn)
+TEST (AudioPath, BlocksLongerThanDeclaredAreProcessedInFull)
 {
     Settings settings;
     settings.tilt = 0.6f;
@@ -102,7 +102,7 @@ TEST (AudioPath, ABlockLongerThanDeclaredIsSilentOnceThenProcessingGoesOn)
         session.block (n, "longer block");
 }
 
-TEST (AudioPath, FirstBlockAfterASampleRateChangeIsLeftDry)
+TEST (AudioPath, ARateChangeIsProcessedFromItsFirstBlock)
 {
     Settings settings;
     settings.tilt = 0.9f;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "processor/TiltEngine.h"
+#include "support/OverlapSaveTiltEngine.h"
 
 #include <algorithm>
 #include <cstring>
 
-int TiltEngine::fftSizeFor (int blockSize) noexcept
+int OverlapSaveTiltEngine::fftSizeFor (int blockSize) noexcept
 {
     auto size = 1;
 
@@ -14,7 +14,7 @@ int TiltEngine::fftSizeFor (int blockSize) noexcept
     return size;
 }
 
-void TiltEngine::prepare (int blockSize)
+void OverlapSaveTiltEngine::prepare (int blockSize)
 {
     preparedBlockSize = blockSize;
     delayLength = std::max (blockSize, 0);
@@ -48,12 +48,12 @@ void TiltEngine::prepare (int blockSize)
     negativeTime.assign ((size_t) fftSize, 0.0f);
 }
 
-void TiltEngine::design (double sampleRate)
+void OverlapSaveTiltEngine::design (double sampleRate)
 {
     designer.design (sampleRate, mainFft, minimumPhaseFft, spectra);
 }
 
-void TiltEngine::writeInput (const float* const* channels, int numChannelsInBlock, int n) noexcept
+void OverlapSaveTiltEngine::writeInput (const float* const* channels, int numChannelsInBlock, int n) noexcept
 {
     for (int c = 0; c < std::min (numChannelsInBlock, numChannels); ++c)
         std::copy (channels[c], channels[c] + n, history[c].begin() + fill);
@@ -61,13 +61,13 @@ void TiltEngine::writeInput (const float* const* channels, int numChannelsInBloc
     fill += n;
 }
 
-void TiltEngine::convolve (int numChannelsInBlock, int n, bool wantPositive, bool wantNegative, bool linearPhase) noexcept
+void OverlapSaveTiltEngine::convolve (int numChannelsInBlock, int n, bool wantPositive, bool wantNegative, bool linearPhase) noexcept
 {
     while (ready < n)
         runSegment (numChannelsInBlock, wantPositive, wantNegative, linearPhase);
 }
 
-void TiltEngine::runSegment (int numChannelsInBlock, bool wantPositive, bool wantNegative, bool linearPhase) noexcept
+void OverlapSaveTiltEngine::runSegment (int numChannelsInBlock, bool wantPositive, bool wantNegative, bool linearPhase) noexcept
 {
     const auto segmentLength = std::min (fill, fftSize);
     const auto overlap = kernelLength - 1;
@@ -105,7 +105,7 @@ void TiltEngine::runSegment (int numChannelsInBlock, bool wantPositive, bool wan
     ready += segmentLength - kernelLength + 1;
 }
 
-void TiltEngine::filterSegment (const std::vector<tilt::Complex>& kernel, std::vector<tilt::Complex>& product,
+void OverlapSaveTiltEngine::filterSegment (const std::vector<tilt::Complex>& kernel, std::vector<tilt::Complex>& product,
                                 std::vector<float>& time) noexcept
 {
     for (size_t k = 0; k < product.size(); ++k)
@@ -118,7 +118,7 @@ void TiltEngine::filterSegment (const std::vector<tilt::Complex>& kernel, std::v
     mainFft.ifft (time.data(), product.data());
 }
 
-void TiltEngine::consume (int n, bool positiveComputed, bool negativeComputed) noexcept
+void OverlapSaveTiltEngine::consume (int n, bool positiveComputed, bool negativeComputed) noexcept
 {
     ready = std::max (ready, n) - n;
 
@@ -135,12 +135,12 @@ void TiltEngine::consume (int n, bool positiveComputed, bool negativeComputed) n
     }
 }
 
-void TiltEngine::writeDry (int channel, const float* input, int n, int delay) noexcept
+void OverlapSaveTiltEngine::writeDry (int channel, const float* input, int n, int delay) noexcept
 {
     std::copy (input, input + n, dryDelay[channel].begin() + delay);
 }
 
-void TiltEngine::advanceDry (int channel, int n, int delay) noexcept
+void OverlapSaveTiltEngine::advanceDry (int channel, int n, int delay) noexcept
 {
     std::memmove (dryDelay[channel].data(), dryDelay[channel].data() + n, (size_t) delay * sizeof (float));
 }

@@ -7,15 +7,12 @@
 #include <vector>
 
 /**
-    The tilt stage's storage and arithmetic: the four kernel spectra with their design, and
-    the overlap-save convolution that gives each channel a positive-tilt output (falling
-    kernel) and a negative-tilt output (rising kernel), plus the dry delay line that keeps
-    the dry signal aligned with the linear-phase kernels.
-
-    Not thread-safe: the processor serialises prepare, design and the per-block calls with
-    its engine lock. Only prepare() and design() allocate.
+    The plain overlap-save tilt convolution, kept as the oracle for the partitioned engine:
+    one N-point segment per block (N the smallest power of two above kernel + block - 2),
+    giving each channel a positive-tilt output (falling kernel) and a negative-tilt output
+    (rising kernel), plus the dry delay line used with the linear-phase kernels.
 */
-class TiltEngine
+class OverlapSaveTiltEngine
 {
 public:
     static constexpr int numChannels = 2;

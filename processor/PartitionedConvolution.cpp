@@ -1,0 +1,517 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "processor/PartitionedConvolution.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+
+namespace tilt
+{
+
+namespace
+{
+    constexpr int smallestHead = 32;
+    constexpr int largestHead = 4096;
+    constexpr int headPartitions = 8;     // the head reaches twice the next level's partition
+    constexpr int levelPartitions = 6;    // [2B, 8B): the next level starts at twice its size
+    constexpr int levelGrowth = 4;
+
+    int64_t powerOfTwoAtLeast (int64_t value) noexcept
+    {
+        int64_t size = 1;
+        while (size < value)
+            size *= 2;
+        return size;
+    }
+
+    // Spectral product, a * b (re = ac - bd, im = bc + ad), written or added.
+    void multiply (float* __restrict sumRe, float* __restrict sumIm,
+                   const float* __restrict xRe, const float* __restrict xIm,
+                   const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
+    {
+        for (int i = 0; i < bins; ++i)
+        {
+            sumRe[i] = xRe[i] * hRe[i] - xIm[i] * hIm[i];
+            sumIm[i] = xIm[i] * hRe[i] + xRe[i] * hIm[i];
+        }
+    }
+
+    void multiplyAdd (float* __restrict sumRe, float* __restrict sumIm,
+                      const float* __restrict xRe, const float* __restrict xIm,
+                      const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
+    {
+        for (int i = 0; i < bins; ++i)
+        {
+            sumRe[i] += xRe[i] * hRe[i] - xIm[i] * hIm[i];
+            sumIm[i] += xIm[i] * hRe[i] + xRe[i] * hIm[i];
+        }
+    }
+
+    template <typename Function>
+    void forEachKernel (unsigned mask, Function&& function)
+    {
+        for (int k = 0; k < maxKernels; ++k)
+            if ((mask & (1u << k)) != 0)
+                function (k);
+    }
+}
+
+//==============================================================================
+PartitionLayout PartitionLayout::forBlockSize (int maximumBlockSize, int numTaps)
+{
+    auto head = smallestHead;
+    while (head * 2 <= std::min (maximumBlockSize, largestHead))
+        head *= 2;
+
+    PartitionLayout layout;
+    const auto headCount = std::max (1, std::min (headPartitions, (numTaps + head - 1) / head));
+    layout.levels.push_back ({ head, 0, headCount });
+
+    auto covered = head * headCount;
+    auto size = head;
+
+    while (covered < numTaps)
+    {
+        size *= levelGrowth;
+        const auto count = std::min (levelPartitions, (numTaps - covered + size - 1) / size);
+        layout.levels.push_back ({ size, covered, count });
+        covered += size * count;
+    }
+
+    return layout;
+}
+
+int PartitionLayout::capacity() const noexcept
+{
+    const auto& last = levels.back();
+    return last.firstTap + last.partitionSize * last.numPartitions;
+}
+
+bool PartitionLayout::operator== (const PartitionLayout& other) const noexcept
+{
+    return std::equal (levels.begin(), levels.end(), other.levels.begin(), other.levels.end(),
+                       [] (const Level& a, const Level& b)
+                       {
+                           return a.partitionSize == b.partitionSize && a.firstTap == b.firstTap
+                               && a.numPartitions == b.numPartitions;
+                       });
+}
+
+int spectrumStride (int partitionSize) noexcept
+{
+    return (partitionSize + 1 + 15) / 16 * 16;
+}
+
+//==============================================================================
+void PartitionedKernels::prepare (const PartitionLayout& newLayout)
+{
+    layout = newLayout;
+    levels.clear();
+    levels.resize (layout.levels.size());
+
+    for (size_t l = 0; l < levels.size(); ++l)
+    {
+        const auto& shape = layout.levels[l];
+        auto& level = levels[l];
+        level.stride = spectrumStride (shape.partitionSize);
+
+        for (int k = 0; k < maxKernels; ++k)
+        {
+            level.re[(size_t) k].resize ((size_t) (level.stride * shape.numPartitions));
+            level.im[(size_t) k].resize ((size_t) (level.stride * shape.numPartitions));
+            level.used[(size_t) k] = 0;
+        }
+
+        level.fft.init (2 * shape.partitionSize);
+        level.segment.resize ((size_t) (2 * shape.partitionSize));
+    }
+}
+
+void PartitionedKernels::setKernel (int k, const float* taps, int length)
+{
+    for (size_t l = 0; l < levels.size(); ++l)
+    {
+        const auto& shape = layout.levels[l];
+        auto& level = levels[l];
+        const auto size = shape.partitionSize;
+        const auto scale = 1.0f / (float) (2 * size);
+        auto used = 0;
+
+        for (int p = 0; p < shape.numPartitions; ++p)
+        {
+            const auto start = shape.firstTap + p * size;
+            const auto count = std::max (0, std::min (size, length - start));
+
+            // Taps in the first half, zeros after: the second half of each overlap-save
+            // result is then a clean linear convolution.
+            level.segment.clear();
+            for (int i = 0; i < count; ++i)
+                level.segment[(size_t) i] = taps[start + i] * scale;
+
+            if (std::any_of (level.segment.data(), level.segment.data() + count, [] (float t) { return t != 0.0f; }))
+                used = p + 1;
+
+            level.fft.forward (level.segment.data(),
+                               level.re[(size_t) k].data() + p * level.stride,
+                               level.im[(size_t) k].data() + p * level.stride);
+        }
+
+        level.used[(size_t) k] = used;
+    }
+}
+
+const float* PartitionedKernels::re (int level, int k, int partition) const noexcept
+{
+    const auto& data = levels[(size_t) level];
+    return data.re[(size_t) k].data() + partition * data.stride;
+}
+
+const float* PartitionedKernels::im (int level, int k, int partition) const noexcept
+{
+    const auto& data = levels[(size_t) level];
+    return data.im[(size_t) k].data() + partition * data.stride;
+}
+
+//==============================================================================
+float* PartitionedConvolver::Level::spectrumRe (int64_t chunk) noexcept
+{
+    const auto slot = ((chunk % slots) + slots) % slots;
+    return spectraRe.data() + slot * stride;
+}
+
+float* PartitionedConvolver::Level::spectrumIm (int64_t chunk) noexcept
+{
+    const auto slot = ((chunk % slots) + slots) % slots;
+    return spectraIm.data() + slot * stride;
+}
+
+void PartitionedConvolver::prepare (const PartitionLayout& layout)
+{
+    levels.clear();
+    levels.resize (layout.levels.size());
+
+    for (size_t l = 0; l < levels.size(); ++l)
+    {
+        const auto& shape = layout.levels[l];
+        auto& level = levels[l];
+        level.size = shape.partitionSize;
+        level.firstTap = shape.firstTap;
+        level.numPartitions = shape.numPartitions;
+        level.stride = spectrumStride (level.size);
+
+        // The head needs its partitions' chunks; a later level also the chunks of the
+        // windows still in flight when a kernel is switched in (see catchUp).
+        level.slots = level.numPartitions + 4;
+        level.fft.init (2 * level.size);
+        level.spectraRe.resize ((size_t) (level.slots * level.stride));
+        level.spectraIm.resize ((size_t) (level.slots * level.stride));
+        level.segment.resize ((size_t) (2 * level.size));
+        level.scratchRe.resize ((size_t) level.stride);
+        level.scratchIm.resize ((size_t) level.stride);
+
+        for (int k = 0; k < maxKernels; ++k)
+        {
+            level.sumRe[(size_t) k].resize ((size_t) level.stride);
+            level.sumIm[(size_t) k].resize ((size_t) level.stride);
+        }
+    }
+
+    const auto span = powerOfTwoAtLeast (4 * (int64_t) layout.largestPartition());
+    history.resize ((size_t) span);
+    historyMask = span - 1;
+
+    for (auto& ring : tail)
+        ring.resize (levels.size() > 1 ? (size_t) span : 0);
+
+    tailMask = span - 1;
+    reset();
+}
+
+void PartitionedConvolver::reset() noexcept
+{
+    history.clear();
+
+    for (auto& ring : tail)
+        ring.clear();
+
+    for (auto& level : levels)
+    {
+        level.spectraRe.clear();
+        level.spectraIm.clear();
+        level.jobChunk = -1;
+        level.jobStage = 0;
+        level.jobMask = 0;
+    }
+
+    pastChunk.fill (-1);
+    time = 0;
+    headFill = 0;
+    activeMask = 0;
+}
+
+void PartitionedConvolver::writeHistory (const float* input, int n) noexcept
+{
+    for (int i = 0; i < n; ++i)
+        history[(size_t) ((time + i) & historyMask)] = input[i];
+}
+
+void PartitionedConvolver::readHistory (float* dest, int64_t start, int n) const noexcept
+{
+    const auto first = start & historyMask;
+    const auto firstPart = (int) std::min<int64_t> (n, historyMask + 1 - first);
+    std::memcpy (dest, history.data() + first, sizeof (float) * (size_t) firstPart);
+    std::memcpy (dest + firstPart, history.data(), sizeof (float) * (size_t) (n - firstPart));
+}
+
+void PartitionedConvolver::process (const float* input, int n, const PartitionedKernels& kernels,
+                                    unsigned kernelMask, float* const* out) noexcept
+{
+    assert (kernels.getLayout().levels.size() == levels.size());
+
+    const auto newKernels = kernelMask & ~activeMask;
+
+    if (newKernels != 0)
+        catchUp (kernels, newKernels);
+
+    activeMask = kernelMask;
+    const auto headSize = levels.front().size;
+
+    for (int done = 0; done < n;)
+    {
+        const auto count = std::min (n - done, headSize - headFill);
+        writeHistory (input + done, count);
+        runHead (kernels, kernelMask, headFill, headFill + count, out, done);
+
+        if (levels.size() > 1)
+            addTail (kernelMask, out, done, count);
+
+        time += count;
+        headFill = (headFill + count) % headSize;
+
+        for (int l = 1; l < (int) levels.size(); ++l)
+            advanceLevel (l, kernels);
+
+        done += count;
+    }
+}
+
+void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned mask, int from, int to,
+                                    float* const* out, int outOffset) noexcept
+{
+    auto& head = levels.front();
+    const auto size = head.size;
+    const auto chunk = (time - from) / size;
+    auto* segment = head.segment.data();
+
+    // The previous chunk and what has arrived of this one; the rest of it is still silence,
+    // which cannot reach the samples already here.
+    readHistory (segment, (chunk - 1) * size, size + to);
+    std::fill (segment + size + to, segment + 2 * size, 0.0f);
+
+    auto* xRe = head.spectrumRe (chunk);
+    auto* xIm = head.spectrumIm (chunk);
+    head.fft.forward (segment, xRe, xIm);
+
+    const auto bins = size + 1;
+
+    forEachKernel (mask, [&] (int k)
+    {
+        updatePastSum (kernels, k, chunk);
+
+        std::memcpy (head.scratchRe.data(), head.sumRe[(size_t) k].data(), sizeof (float) * (size_t) bins);
+        std::memcpy (head.scratchIm.data(), head.sumIm[(size_t) k].data(), sizeof (float) * (size_t) bins);
+        multiplyAdd (head.scratchRe.data(), head.scratchIm.data(), xRe, xIm,
+                     kernels.re (0, k, 0), kernels.im (0, k, 0), bins);
+
+        head.fft.inverseUnscaled (head.scratchRe.data(), head.scratchIm.data(), segment);
+        std::memcpy (out[k] + outOffset, segment + size + from, sizeof (float) * (size_t) (to - from));
+    });
+}
+
+void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int k, int64_t chunk) noexcept
+{
+    if (pastChunk[(size_t) k] == chunk)
+        return;
+
+    auto& head = levels.front();
+    const auto bins = head.size + 1;
+    auto* sumRe = head.sumRe[(size_t) k].data();
+    auto* sumIm = head.sumIm[(size_t) k].data();
+    std::fill_n (sumRe, bins, 0.0f);
+    std::fill_n (sumIm, bins, 0.0f);
+
+    for (int p = 1; p < kernels.usedPartitions (0, k); ++p)
+        multiplyAdd (sumRe, sumIm, head.spectrumRe (chunk - p), head.spectrumIm (chunk - p),
+                     kernels.re (0, k, p), kernels.im (0, k, p), bins);
+
+    pastChunk[(size_t) k] = chunk;
+}
+
+void PartitionedConvolver::addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept
+{
+    forEachKernel (mask, [&] (int k)
+    {
+        auto* ring = tail[(size_t) k].data();
+        auto* dest = out[k] + outOffset;
+
+        for (int i = 0; i < n; ++i)
+        {
+            auto& pending = ring[(time + i) & tailMask];
+            dest[i] += pending;
+            pending = 0.0f;
+        }
+    });
+}
+
+void PartitionedConvolver::advanceLevel (int l, const PartitionedKernels& kernels) noexcept
+{
+    auto& level = levels[(size_t) l];
+    const auto stages = level.numPartitions + 2;
+
+    // Work due by now: all of it one partition after the chunk was complete, which is when
+    // its window begins.
+    if (level.jobChunk >= 0)
+    {
+        const auto elapsed = time - level.jobStart;
+        const auto due = elapsed >= level.size ? stages
+                                               : (int) ((elapsed * stages + level.size - 1) / level.size);
+
+        while (level.jobStage < due)
+            runStage (l, kernels);
+
+        if (level.jobStage == stages)
+            level.jobChunk = -1;
+    }
+
+    if (time % level.size == 0)
+    {
+        level.jobChunk = time / level.size - 1;
+        level.jobStart = time;
+        level.jobStage = 0;
+        level.jobMask = activeMask;
+    }
+}
+
+void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) noexcept
+{
+    auto& level = levels[(size_t) l];
+    const auto chunk = level.jobChunk;
+    const auto stage = level.jobStage++;
+    const auto bins = level.size + 1;
+
+    if (stage == 0)
+    {
+        readHistory (level.segment.data(), (chunk - 1) * level.size, 2 * level.size);
+        level.fft.forward (level.segment.data(), level.spectrumRe (chunk), level.spectrumIm (chunk));
+        return;
+    }
+
+    if (stage <= level.numPartitions)
+    {
+        const auto p = stage - 1;
+
+        forEachKernel (level.jobMask, [&] (int k)
+        {
+            auto* sumRe = level.sumRe[(size_t) k].data();
+            auto* sumIm = level.sumIm[(size_t) k].data();
+
+            if (p >= kernels.usedPartitions (l, k))
+            {
+                if (p == 0)
+                {
+                    std::fill_n (sumRe, bins, 0.0f);
+                    std::fill_n (sumIm, bins, 0.0f);
+                }
+                return;
+            }
+
+            if (p == 0)
+                multiply (sumRe, sumIm, level.spectrumRe (chunk), level.spectrumIm (chunk),
+                          kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
+            else
+                multiplyAdd (sumRe, sumIm, level.spectrumRe (chunk - p), level.spectrumIm (chunk - p),
+                             kernels.re (l, k, p), kernels.im (l, k, p), bins);
+        });
+        return;
+    }
+
+    forEachKernel (level.jobMask, [&] (int k)
+    {
+        if (kernels.usedPartitions (l, k) > 0)
+            addWindowToTail (l, k, chunk);
+    });
+}
+
+void PartitionedConvolver::accumulateWindow (int l, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept
+{
+    auto& level = levels[(size_t) l];
+    const auto bins = level.size + 1;
+    auto* sumRe = level.sumRe[(size_t) k].data();
+    auto* sumIm = level.sumIm[(size_t) k].data();
+    std::fill_n (sumRe, bins, 0.0f);
+    std::fill_n (sumIm, bins, 0.0f);
+
+    for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
+        multiplyAdd (sumRe, sumIm, level.spectrumRe (chunk - p), level.spectrumIm (chunk - p),
+                     kernels.re (l, k, p), kernels.im (l, k, p), bins);
+}
+
+void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcept
+{
+    auto& level = levels[(size_t) l];
+    auto* segment = level.segment.data();
+    level.fft.inverseUnscaled (level.sumRe[(size_t) k].data(), level.sumIm[(size_t) k].data(), segment);
+
+    // The window's first sample lies one partition after the chunk's end at the earliest,
+    // so nothing here has been played yet, except after a catch-up.
+    const auto start = chunk * level.size + level.firstTap;
+    auto* ring = tail[(size_t) k].data();
+
+    for (int i = 0; i < level.size; ++i)
+        if (start + i >= time)
+            ring[(start + i) & tailMask] += segment[level.size + i];
+}
+
+void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept
+{
+    // The newly needed kernels' outputs were not computed while they were idle: redo every
+    // window that is not yet fully played from the stored input spectra.
+    for (int l = 1; l < (int) levels.size(); ++l)
+    {
+        auto& level = levels[(size_t) l];
+
+        if (level.jobChunk >= 0)
+        {
+            while (level.jobStage < level.numPartitions + 2)
+                runStage (l, kernels);
+
+            level.jobChunk = -1;
+        }
+    }
+
+    forEachKernel (newKernels, [&] (int k) { tail[(size_t) k].clear(); });
+
+    for (int l = 1; l < (int) levels.size(); ++l)
+    {
+        auto& level = levels[(size_t) l];
+
+        for (auto chunk = time / level.size - 1; chunk >= 0; --chunk)
+        {
+            if (chunk * level.size + level.firstTap + level.size <= time)
+                break;
+
+            forEachKernel (newKernels, [&] (int k)
+            {
+                if (kernels.usedPartitions (l, k) == 0)
+                    return;
+
+                accumulateWindow (l, kernels, k, chunk);
+                addWindowToTail (l, k, chunk);
+            });
+        }
+    }
+
+    forEachKernel (newKernels, [&] (int k) { pastChunk[(size_t) k] = -1; });
+}
+
+} // namespace tilt

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "audiofft/AudioFFT.h"
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+/**
+    Zero-latency partitioned convolution for the tilt kernels.
+
+    A kernel is cut into levels of uniform partitions (overlap-save, FFT size twice the
+    partition). The head level has the smallest partitions and is computed inside every
+    call, from whatever part of its current chunk has arrived, so a 1-sample call returns 1
+    finished sample. Each further level has partitions four times larger and starts at
+    twice its partition size into the kernel: its output is due one partition after its
+    input chunk is complete, so its work (one forward FFT, one spectral product per
+    partition, one inverse FFT) is spread over the calls of that interval instead of
+    landing on one block.
+
+    Input spectra are stored once per level and shared by up to four kernels; a call asks
+    for the kernels it needs with a bit mask, and only those get spectral products and
+    inverse transforms.
+*/
+namespace tilt
+{
+    constexpr int maxKernels = 4;
+
+    struct PartitionLayout
+    {
+        struct Level
+        {
+            int partitionSize = 0;
+            int firstTap = 0;
+            int numPartitions = 0;
+        };
+
+        std::vector<Level> levels;
+
+        /** Head partitions near the host's block size (32 ... 4096), levels up to numTaps. */
+        static PartitionLayout forBlockSize (int maximumBlockSize, int numTaps);
+
+        int headSize() const noexcept          { return levels.front().partitionSize; }
+        int largestPartition() const noexcept  { return levels.back().partitionSize; }
+        int capacity() const noexcept;
+
+        bool operator== (const PartitionLayout& other) const noexcept;
+    };
+
+    /** Floats per stored spectrum of a partition: N/2 + 1 bins, padded for SIMD alignment. */
+    int spectrumStride (int partitionSize) noexcept;
+
+    /**
+        The partition spectra of up to four kernels for one layout, split complex and scaled
+        by 1 / FFT size, so that an unscaled inverse transform gives the convolution.
+        prepare() and setKernel() allocate or plan: never on the audio thread.
+    */
+    class PartitionedKernels
+    {
+    public:
+        void prepare (const PartitionLayout& layout);
+
+        /** Cuts taps[0 .. length) into the layout's partitions as kernel k. Taps beyond the
+            layout's capacity are dropped. */
+        void setKernel (int k, const float* taps, int length);
+
+        const PartitionLayout& getLayout() const noexcept  { return layout; }
+
+        /** Partitions of kernel k on a level that hold any non-zero tap. */
+        int usedPartitions (int level, int k) const noexcept  { return levels[(size_t) level].used[(size_t) k]; }
+
+        const float* re (int level, int k, int partition) const noexcept;
+        const float* im (int level, int k, int partition) const noexcept;
+
+    private:
+        struct Level
+        {
+            int stride = 0;
+            std::array<audiofft::AlignedFloats, maxKernels> re, im;
+            std::array<int, maxKernels> used {};
+            audiofft::SplitRealFft fft;
+            audiofft::AlignedFloats segment;
+        };
+
+        PartitionLayout layout;
+        std::vector<Level> levels;
+    };
+
+    /**
+        One channel's streaming convolution with any of the kernels of a PartitionedKernels
+        of the same layout. Not thread-safe; process() never allocates, locks or waits.
+    */
+    class PartitionedConvolver
+    {
+    public:
+        /** Sizes every buffer and plan for a layout and clears the state. */
+        void prepare (const PartitionLayout& layout);
+
+        /** Silence as the past: clears the input history, stored spectra and pending output. */
+        void reset() noexcept;
+
+        /** Feeds n samples and writes, for each kernel k in kernelMask, its output for them
+            to out[k]. The stored input spectra are kept current whatever the mask, so a
+            kernel that becomes needed later costs no more than any other call. */
+        void process (const float* input, int n, const PartitionedKernels& kernels,
+                      unsigned kernelMask, float* const* out) noexcept;
+
+        /** New kernels: outputs computed in advance with the old ones are recomputed from the
+            stored spectra at the next call. */
+        void invalidateOutputs() noexcept  { activeMask = 0; }
+
+    private:
+        struct Level
+        {
+            int size = 0;              // partition size B
+            int firstTap = 0;
+            int numPartitions = 0;
+            int stride = 0;
+            int slots = 0;             // stored input spectra, a ring
+            audiofft::SplitRealFft fft;
+            audiofft::AlignedFloats spectraRe, spectraIm;
+            audiofft::AlignedFloats segment;       // 2B
+            std::array<audiofft::AlignedFloats, maxKernels> sumRe, sumIm;   // head: older partitions
+            audiofft::AlignedFloats scratchRe, scratchIm;
+
+            // The spread work of the newest complete chunk: stage 0 transforms it, stages
+            // 1 ... P multiply one partition each, stage P + 1 transforms back.
+            int64_t jobChunk = -1;
+            int64_t jobStart = 0;
+            int jobStage = 0;
+            unsigned jobMask = 0;
+
+            float* spectrumRe (int64_t chunk) noexcept;
+            float* spectrumIm (int64_t chunk) noexcept;
+        };
+
+        void writeHistory (const float* input, int n) noexcept;
+        void readHistory (float* dest, int64_t start, int n) const noexcept;
+        void runHead (const PartitionedKernels& kernels, unsigned mask, int from, int to,
+                      float* const* out, int outOffset) noexcept;
+        void updatePastSum (const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
+        void addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept;
+        void advanceLevel (int level, const PartitionedKernels& kernels) noexcept;
+        void runStage (int level, const PartitionedKernels& kernels) noexcept;
+        void accumulateWindow (int level, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
+        void addWindowToTail (int level, int k, int64_t chunk) noexcept;
+        void catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept;
+
+        std::vector<Level> levels;
+        audiofft::AlignedFloats history;                 // input ring
+        int64_t historyMask = 0;
+        std::array<audiofft::AlignedFloats, maxKernels> tail;   // output of the levels after the head, a ring
+        int64_t tailMask = 0;
+        std::array<int64_t, maxKernels> pastChunk {};    // head chunk the sum of older partitions is for
+
+        int64_t time = 0;       // samples fed so far
+        int headFill = 0;       // samples of the current head chunk
+        unsigned activeMask = 0;
+    };
+}

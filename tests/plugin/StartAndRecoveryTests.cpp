@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What a host meets on bad days: playback starting in linear phase, unusual rates, extreme
+// values, a non-finite input, a restored project that changes the latency.
+
+#include "tests/support/ReadyProcessor.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+using namespace quenda_test;
+
+namespace
+{
+    bool allFinite (const juce::AudioBuffer<float>& buffer)
+    {
+        for (int c = 0; c < buffer.getNumChannels(); ++c)
+            for (int i = 0; i < buffer.getNumSamples(); ++i)
+                if (! std::isfinite (buffer.getSample (c, i)))
+                    return false;
+        return true;
+    }
+
+    float peak (const juce::AudioBuffer<float>& buffer, int from = 0)
+    {
+        float largest = 0.0f;
+        for (int c = 0; c < buffer.getNumChannels(); ++c)
+            for (int i = from; i < buffer.getNumSamples(); ++i)
+                largest = std::max (largest, std::abs (buffer.getSample (c, i)));
+        return largest;
+    }
+}
+
+// The first block after prepareToPlay is already fully processed: in linear phase the dry part
+// arrives after exactly the reported latency, and the latency is known before any block.
+TEST (Start, FirstBlockIsProcessedAndLatencyIsKnownBeforeIt)
+{
+    for (auto linear : { false, true })
+    {
+        Processor processor;
+        setParameter (processor, Processor::linPhaseIndex, linear ? 1.0f : 0.0f);
+        makeReady (processor, 256);
+        const auto latency = linear ? Processor::linearPhaseLatency : 0;
+        EXPECT_EQ (latency, processor.getLatencySamples());
+
+        // An impulse with tilt 0: the output is the impulse, delayed by the latency.
+        juce::AudioBuffer<float> audio (2, 4096);
+        audio.clear();
+        audio.setSample (0, 0, 1.0f);
+        audio.setSample (1, 0, 1.0f);
+        processInBlocks (processor, audio, 256);
+
+        for (int i = 0; i < 4096; ++i)
+            ASSERT_NEAR (audio.getSample (0, i), i == latency ? 1.0f : 0.0f, 1.0e-6f) << (linear ? "linear " : "minimum ") << i;
+    }
+}
+
+TEST (Start, RestoringAProjectReportsItsLatencyAtOnce)
+{
+    Processor source, restored;
+    setParameter (source, Processor::linPhaseIndex, 1.0f);
+    juce::MemoryBlock state;
+    source.getStateInformation (state);
+
+    makeReady (restored, 512);
+    EXPECT_EQ (0, restored.getLatencySamples());
+    restored.setStateInformation (state.getData(), (int) state.getSize());
+    EXPECT_EQ (Processor::linearPhaseLatency, restored.getLatencySamples());
+}
+
+// Every rate a host may choose, with the defaults, the editor's extremes and finite values far
+// beyond them: the output stays finite and bounded, blocks of varying size and glides included.
+TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
+{
+    struct Extreme { const char* what; float values[8]; };
+    const Extreme settings[] = {
+        { "defaults", { 0, 0, 0, 0, 0, 0, 150, 4500 } },
+        { "editor maxima", { 1, 0, 1, 6, 6, 3, 300, 15000 } },
+        { "editor minima", { -1, 0, 0, -6, -6, -3, 20, 3000 } },
+        { "far outside", { -40, 0, 1, 90, -300, 500, 1.0e9f, -1.0e9f } },
+        { "zero and negative corners", { 3, 0, 0, -90, 60, -60, 0, -5 } },
+    };
+    const double rates[] = { 8000, 11025, 22050, 44100, 48000, 96000, 192000, 384000 };
+
+    for (const auto& setting : settings)
+    {
+        for (auto rate : rates)
+        {
+            SCOPED_TRACE (std::string (setting.what) + " at " + std::to_string ((int) rate));
+            Processor processor;
+            processor.setPlayConfigDetails (2, 2, rate, 1024);
+            processor.prepareToPlay (rate, 1024);
+
+            for (int i = 0; i < 8; ++i)
+                setParameter (processor, i, setting.values[i]);
+
+            auto audio = makeNoise (8192, 7);
+            juce::MidiBuffer midi;
+            int start = 0;
+            for (int n : { 1, 17, 1024, 333, 1024, 64, 1024, 1024, 1024, 1024, 1024, 1024, 1024 })
+            {
+                if (start + n > audio.getNumSamples())
+                    break;
+                auto block = blockOf (audio, start, n);
+                processor.processBlock (block, midi);
+                start += n;
+            }
+
+            ASSERT_TRUE (allFinite (audio));
+            // Stable: the settled tail is no louder than the gains allow (well under 1e20).
+            EXPECT_LT (peak (audio, start / 2), 1.0e20f);
+        }
+    }
+}
+
+// A block with a NaN or an infinity leaves nothing behind: that block comes out silent and
+// the next one is processed as by a fresh instance. prepareToPlay clears everything too.
+TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
+{
+    for (auto bad : { std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity() })
+    {
+        auto processor = makeConvolvingProcessor (512, 0.6f);
+        auto fresh = makeConvolvingProcessor (512, 0.6f);
+        setParameter (*processor, Processor::lowIndex, 4.0f);
+        setParameter (*fresh, Processor::lowIndex, 4.0f);
+        juce::MidiBuffer midi;
+
+        auto poisoned = makeNoise (512, 3);
+        poisoned.setSample (1, 100, bad);
+        processor->processBlock (poisoned, midi);
+        EXPECT_EQ (0.0f, peak (poisoned));
+
+        // The glides have settled in the poisoned instance; let the fresh one's settle too.
+        auto settle = makeNoise (512, 3);
+        settle.clear();
+        fresh->processBlock (settle, midi);
+
+        auto after = makeNoise (4096, 4);
+        auto expected = after;
+        processInBlocks (*processor, after, 512);
+        processInBlocks (*fresh, expected, 512);
+        ASSERT_TRUE (allFinite (after));
+        for (int i = 0; i < after.getNumSamples(); ++i)
+            ASSERT_NEAR (after.getSample (0, i), expected.getSample (0, i), 1.0e-6f) << i;
+    }
+}
