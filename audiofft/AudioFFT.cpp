@@ -155,32 +155,45 @@ void SplitRealFft::init (int size)
 
     forwardPlan.reset();
     inversePlan.reset();
+    interleaved.reset();
     fftSize = size;
 
     if (size == 0)
         return;
 
-    // Plans are made on scratch arrays of the same alignment as every caller's.
+    // Measuring overwrites the arrays it is given: scratch ones of the callers' alignment.
     const auto numBins = (size_t) size / 2 + 1;
     auto time = allocate<float> ((size_t) size);
-    auto re = allocate<float> (numBins);
-    auto im = allocate<float> (numBins);
-    const fftwf_iodim dimension { size, 1, 1 };
+    interleaved = allocate<float> (2 * numBins);
+    auto* bins = reinterpret_cast<fftwf_complex*> (interleaved.get());
 
-    forwardPlan.reset (fftwf_plan_guru_split_dft_r2c (1, &dimension, 0, nullptr, time.get(), re.get(), im.get(),
-                                                      FFTW_ESTIMATE));
-    inversePlan.reset (fftwf_plan_guru_split_dft_c2r (1, &dimension, 0, nullptr, re.get(), im.get(), time.get(),
-                                                      FFTW_ESTIMATE));
+    forwardPlan.reset (fftwf_plan_dft_r2c_1d (size, time.get(), bins, FFTW_MEASURE));
+    inversePlan.reset (fftwf_plan_dft_c2r_1d (size, bins, time.get(), FFTW_MEASURE));
 }
 
-void SplitRealFft::forward (float* time, float* re, float* im) const noexcept
+void SplitRealFft::forward (float* time, float* re, float* im) noexcept
 {
-    fftwf_execute_split_dft_r2c (forwardPlan.get(), time, re, im);
+    auto* bins = interleaved.get();
+    fftwf_execute_dft_r2c (forwardPlan.get(), time, reinterpret_cast<fftwf_complex*> (bins));
+
+    for (int k = 0; k <= fftSize / 2; ++k)
+    {
+        re[k] = bins[2 * k];
+        im[k] = bins[2 * k + 1];
+    }
 }
 
-void SplitRealFft::inverseUnscaled (float* re, float* im, float* time) const noexcept
+void SplitRealFft::inverseUnscaled (const float* re, const float* im, float* time) noexcept
 {
-    fftwf_execute_split_dft_c2r (inversePlan.get(), re, im, time);
+    auto* bins = interleaved.get();
+
+    for (int k = 0; k <= fftSize / 2; ++k)
+    {
+        bins[2 * k] = re[k];
+        bins[2 * k + 1] = im[k];
+    }
+
+    fftwf_execute_dft_c2r (inversePlan.get(), reinterpret_cast<fftwf_complex*> (bins), time);
 }
 
 void AlignedFloats::resize (size_t newCount)

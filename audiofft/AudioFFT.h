@@ -106,11 +106,13 @@ private:
 };
 
 /**
-    A pair of split-complex real FFT plans of one size for streaming work: the caller owns
-    the (fftwf_malloc-aligned) arrays and passes them to every transform, so nothing is copied.
-    Forward is unscaled and so is inverse (it returns N times the input). The inverse may
-    overwrite its input spectrum. Plans are made under the process-wide planner lock;
-    executing them allocates nothing and is safe from any one thread at a time.
+    A pair of real FFT plans of one size for streaming work, with spectra handed over in split
+    form (separate real and imaginary arrays, which spectral products vectorise best on). The
+    transforms run interleaved, FFTW's fastest form, through the object's own buffer; the
+    caller's arrays must come from fftwf_malloc. Forward is unscaled and so is inverse (it
+    returns N times the input). Plans are measured once per size and process (FFTW keeps the
+    wisdom), under the process-wide planner lock; executing them allocates nothing. One
+    object is used from one thread at a time.
 */
 class SplitRealFft
 {
@@ -127,12 +129,13 @@ public:
 
     int size() const noexcept { return fftSize; }
 
-    void forward (float* time, float* re, float* im) const noexcept;
-    void inverseUnscaled (float* re, float* im, float* time) const noexcept;
+    void forward (float* time, float* re, float* im) noexcept;
+    void inverseUnscaled (const float* re, const float* im, float* time) noexcept;
 
 private:
     int fftSize = 0;
     detail::FftwPlan forwardPlan, inversePlan;
+    detail::FftwArray<float> interleaved;    // N/2 + 1 complex values
 };
 
 /** fftwf_malloc'd float storage, zero-filled, sized once. */

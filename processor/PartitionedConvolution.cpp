@@ -11,10 +11,11 @@ namespace tilt
 namespace
 {
     constexpr int smallestHead = 32;
-    constexpr int largestHead = 4096;
+    constexpr int largestHead = 2048;
     constexpr int headPartitions = 8;     // the head reaches twice the next level's partition
     constexpr int levelPartitions = 6;    // [2B, 8B): the next level starts at twice its size
     constexpr int levelGrowth = 4;
+    constexpr int maxLevelRatio = 8;
 
     int64_t powerOfTwoAtLeast (int64_t value) noexcept
     {
@@ -24,7 +25,15 @@ namespace
         return size;
     }
 
+   #if defined (__linux__) && defined (__x86_64__)
+    // Built for AVX2 as well; the loader picks the version the processor runs.
+    #define QUENDA_VECTOR_CLONES __attribute__ ((target_clones ("avx2", "default")))
+   #else
+    #define QUENDA_VECTOR_CLONES
+   #endif
+
     // Spectral product, a * b (re = ac - bd, im = bc + ad), written or added.
+    QUENDA_VECTOR_CLONES
     void multiply (float* __restrict sumRe, float* __restrict sumIm,
                    const float* __restrict xRe, const float* __restrict xIm,
                    const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
@@ -36,6 +45,7 @@ namespace
         }
     }
 
+    QUENDA_VECTOR_CLONES
     void multiplyAdd (float* __restrict sumRe, float* __restrict sumIm,
                       const float* __restrict xRe, const float* __restrict xIm,
                       const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
@@ -44,6 +54,20 @@ namespace
         {
             sumRe[i] += xRe[i] * hRe[i] - xIm[i] * hIm[i];
             sumIm[i] += xIm[i] * hRe[i] + xRe[i] * hIm[i];
+        }
+    }
+
+    // base + a * b into separate output arrays.
+    QUENDA_VECTOR_CLONES
+    void multiplyAddInto (float* __restrict outRe, float* __restrict outIm,
+                          const float* __restrict baseRe, const float* __restrict baseIm,
+                          const float* __restrict xRe, const float* __restrict xIm,
+                          const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
+    {
+        for (int i = 0; i < bins; ++i)
+        {
+            outRe[i] = baseRe[i] + (xRe[i] * hRe[i] - xIm[i] * hIm[i]);
+            outIm[i] = baseIm[i] + (xIm[i] * hRe[i] + xRe[i] * hIm[i]);
         }
     }
 
@@ -70,10 +94,16 @@ PartitionLayout PartitionLayout::forBlockSize (int maximumBlockSize, int numTaps
     auto covered = head * headCount;
     auto size = head;
 
+    // A level's forward or inverse transform is one indivisible piece of work: past eight
+    // head partitions it would stand out of the blocks it is spread over, so the last level
+    // takes more partitions of that size instead.
+    const auto largest = head * maxLevelRatio;
+
     while (covered < numTaps)
     {
-        size *= levelGrowth;
-        const auto count = std::min (levelPartitions, (numTaps - covered + size - 1) / size);
+        size = std::min (size * levelGrowth, largest);
+        const auto remaining = (numTaps - covered + size - 1) / size;
+        const auto count = size == largest ? remaining : std::min (levelPartitions, remaining);
         layout.levels.push_back ({ size, covered, count });
         covered += size * count;
     }
@@ -318,10 +348,9 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
     {
         updatePastSum (kernels, k, chunk);
 
-        std::memcpy (head.scratchRe.data(), head.sumRe[(size_t) k].data(), sizeof (float) * (size_t) bins);
-        std::memcpy (head.scratchIm.data(), head.sumIm[(size_t) k].data(), sizeof (float) * (size_t) bins);
-        multiplyAdd (head.scratchRe.data(), head.scratchIm.data(), xRe, xIm,
-                     kernels.re (0, k, 0), kernels.im (0, k, 0), bins);
+        multiplyAddInto (head.scratchRe.data(), head.scratchIm.data(),
+                         head.sumRe[(size_t) k].data(), head.sumIm[(size_t) k].data(),
+                         xRe, xIm, kernels.re (0, k, 0), kernels.im (0, k, 0), bins);
 
         head.fft.inverseUnscaled (head.scratchRe.data(), head.scratchIm.data(), segment);
         std::memcpy (out[k] + outOffset, segment + size + from, sizeof (float) * (size_t) (to - from));

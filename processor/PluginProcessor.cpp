@@ -3,6 +3,7 @@
 #include "editor/PluginEditor.h"
 #include "platform/HostInfo.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -383,28 +384,62 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
             highShelf.Fc = highCorner;
             highShelf.design();
         }
+    }
 
-        auto* samples = buffer.getWritePointer (channel);
+    const auto allSteady = std::all_of (std::begin (smoothers), std::end (smoothers),
+                                        [] (const GainSmoother& s) { return s.target == s.previous; });
 
-        for (auto index : { channel, 2 + channel })
+    if (allSteady && shelfChannels == 2)
+    {
+        // No glide: the four recurrences run side by side, which the processor overlaps.
+        for (int index = 0; index < 4; ++index)
         {
-            auto& filter = filters[index];
-            auto& smoother = smoothers[index];
-            const auto steady = smoother.target == smoother.previous;
+            smoothers[index].current = smoothers[index].target;
 
-            for (int i = 0; i < n; ++i)
+            if ((double) smoothers[index].current != filters[index].gainDb)
             {
-                smoother.current = steady ? smoother.target
-                                          : (float) ((double) smoother.previous + i * smoother.increment);
+                filters[index].gainDb = (double) smoothers[index].current;
+                filters[index].design();
+            }
+        }
 
-                // Redesigned per sample while gliding; the state carries over, so no click.
-                if ((double) smoother.current != filter.gainDb)
+        auto* left = buffer.getWritePointer (0);
+        auto* right = buffer.getWritePointer (1);
+
+        for (int i = 0; i < n; ++i)
+        {
+            const auto lowLeft = filters[0].process (left[i]);
+            const auto lowRight = filters[1].process (right[i]);
+            left[i] = filters[2].process (lowLeft);
+            right[i] = filters[3].process (lowRight);
+        }
+    }
+    else
+    {
+        for (int channel = 0; channel < shelfChannels; ++channel)
+        {
+            auto* samples = buffer.getWritePointer (channel);
+
+            for (auto index : { channel, 2 + channel })
+            {
+                auto& filter = filters[index];
+                auto& smoother = smoothers[index];
+                const auto steady = smoother.target == smoother.previous;
+
+                for (int i = 0; i < n; ++i)
                 {
-                    filter.gainDb = (double) smoother.current;
-                    filter.design();
-                }
+                    smoother.current = steady ? smoother.target
+                                              : (float) ((double) smoother.previous + i * smoother.increment);
 
-                samples[i] = filter.process (samples[i]);
+                    // Redesigned per sample while gliding; the state carries over, so no click.
+                    if ((double) smoother.current != filter.gainDb)
+                    {
+                        filter.gainDb = (double) smoother.current;
+                        filter.design();
+                    }
+
+                    samples[i] = filter.process (samples[i]);
+                }
             }
         }
     }
