@@ -143,7 +143,7 @@ class AlignedFloats
 {
 public:
     AlignedFloats() = default;
-    explicit AlignedFloats (size_t count) { resize (count); }
+    explicit AlignedFloats (size_t size) { resize (size); }
     void resize (size_t count);
 
     float* data() noexcept              { return values.get(); }

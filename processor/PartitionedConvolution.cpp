@@ -71,6 +71,12 @@ namespace
         }
     }
 
+    void addInto (float* __restrict dest, const float* __restrict source, int n) noexcept
+    {
+        for (int i = 0; i < n; ++i)
+            dest[i] += source[i];
+    }
+
     template <typename Function>
     void forEachKernel (unsigned mask, Function&& function)
     {
@@ -88,7 +94,9 @@ PartitionLayout PartitionLayout::forBlockSize (int maximumBlockSize, int numTaps
         head *= 2;
 
     PartitionLayout layout;
-    const auto headCount = std::max (1, std::min (headPartitions, (numTaps + head - 1) / head));
+    // Large heads reach the whole kernel on their own: one level, no transforms of a second size.
+    const auto headLimit = head >= 256 ? 4 * headPartitions : headPartitions;
+    const auto headCount = std::max (1, std::min (headLimit, (numTaps + head - 1) / head));
     layout.levels.push_back ({ head, 0, headCount });
 
     auto covered = head * headCount;
@@ -281,8 +289,10 @@ void PartitionedConvolver::reset() noexcept
 
 void PartitionedConvolver::writeHistory (const float* input, int n) noexcept
 {
-    for (int i = 0; i < n; ++i)
-        history[(size_t) ((time + i) & historyMask)] = input[i];
+    const auto first = time & historyMask;
+    const auto firstPart = (int) std::min<int64_t> (n, historyMask + 1 - first);
+    std::memcpy (history.data() + first, input, sizeof (float) * (size_t) firstPart);
+    std::memcpy (history.data(), input + firstPart, sizeof (float) * (size_t) (n - firstPart));
 }
 
 void PartitionedConvolver::readHistory (float* dest, int64_t start, int n) const noexcept
@@ -378,17 +388,18 @@ void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int
 
 void PartitionedConvolver::addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept
 {
+    const auto first = time & tailMask;
+    const auto firstPart = (int) std::min<int64_t> (n, tailMask + 1 - first);
+
     forEachKernel (mask, [&] (int k)
     {
+        // Played samples leave the ring empty for the windows that land there later.
         auto* ring = tail[(size_t) k].data();
         auto* dest = out[k] + outOffset;
-
-        for (int i = 0; i < n; ++i)
-        {
-            auto& pending = ring[(time + i) & tailMask];
-            dest[i] += pending;
-            pending = 0.0f;
-        }
+        addInto (dest, ring + first, firstPart);
+        addInto (dest + firstPart, ring, n - firstPart);
+        std::fill_n (ring + first, firstPart, 0.0f);
+        std::fill_n (ring, n - firstPart, 0.0f);
     });
 }
 
@@ -493,12 +504,14 @@ void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcep
 
     // The window's first sample lies one partition after the chunk's end at the earliest,
     // so nothing here has been played yet, except after a catch-up.
-    const auto start = chunk * level.size + level.firstTap;
+    const auto skip = (int) std::clamp<int64_t> (time - (chunk * level.size + level.firstTap), 0, level.size);
+    const auto start = chunk * level.size + level.firstTap + skip;
+    const auto count = level.size - skip;
+    const auto first = start & tailMask;
+    const auto firstPart = (int) std::min<int64_t> (count, tailMask + 1 - first);
     auto* ring = tail[(size_t) k].data();
-
-    for (int i = 0; i < level.size; ++i)
-        if (start + i >= time)
-            ring[(start + i) & tailMask] += segment[level.size + i];
+    addInto (ring + first, segment + level.size + skip, firstPart);
+    addInto (ring, segment + level.size + skip + firstPart, count - firstPart);
 }
 
 void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept

@@ -72,6 +72,41 @@ void TiltKernelBank::release() noexcept
 }
 
 //==============================================================================
+namespace
+{
+    // out = wet * |t| + (1 - |t|) * dry, the dry product in float and the sum in double; at
+    // t = 0 exactly the dry signal, and the wet outputs are not read (they may not exist).
+    inline void crossFadeSample (float& out, float positive, float negative, float dry, double t) noexcept
+    {
+        const auto weight = std::abs (t);
+        const auto dryPart = (float) (1.0 - weight) * dry;
+
+        if (t == 0.0)
+            out = dryPart;
+        else
+            out = (float) ((double) (t < 0.0 ? negative : positive) * weight + (double) dryPart);
+    }
+
+    // The same for a tilt that holds still over the block, without a branch per sample.
+    void crossFade (float* out, const float* positive, const float* negative, const float* dry, int n, double t) noexcept
+    {
+        const auto weight = std::abs (t);
+        const auto dryWeight = (float) (1.0 - weight);
+
+        if (t == 0.0)
+        {
+            for (int i = 0; i < n; ++i)
+                out[i] = dryWeight * dry[i];
+            return;
+        }
+
+        const auto* wet = t < 0.0 ? negative : positive;
+
+        for (int i = 0; i < n; ++i)
+            out[i] = (float) ((double) wet[i] * weight + (double) (dryWeight * dry[i]));
+    }
+}
+
 int TiltStage::fftSizeFor (int blockSize) noexcept
 {
     auto size = 1;
@@ -103,6 +138,7 @@ void TiltStage::prepare (int maximumBlockSize)
     {
         convolvers[(size_t) c].prepare (layout);
         falling[(size_t) c].assign ((size_t) pieceSize, 0.0f);
+        delayedDry.assign ((size_t) pieceSize, 0.0f);
         rising[(size_t) c].assign ((size_t) pieceSize, 0.0f);
         dryLines[(size_t) c].assign ((size_t) dryLength, 0.0f);
     }
@@ -160,27 +196,29 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
             convolvers[(size_t) c].process (samples, count, kernels.partitions, mask, outputs);
 
             auto* line = dryLines[(size_t) c].data();
+            const auto to = dryTime & dryMask;
+            const auto writePart = (int) std::min<int64_t> (count, dryMask + 1 - to);
+            std::copy_n (samples, writePart, line + to);
+            std::copy_n (samples + writePart, count - writePart, line);
 
-            for (int i = 0; i < count; ++i)
-                line[(dryTime + i) & dryMask] = samples[i];
+            const float* dry = samples;
 
-            for (int i = 0; i < count; ++i)
+            if (linearPhase)
             {
-                const auto t = gliding ? previousTilt + (start + i) * step : target;
-                const auto dry = linearPhase ? line[(dryTime + i - linearPhaseDelay) & dryMask] : samples[i];
-                const auto weight = std::abs (t);
-                const auto dryPart = (float) (1.0 - weight) * dry;
-
-                // At t = 0 the wet outputs may not have been computed and must not be read.
-                if (t == 0.0)
-                {
-                    samples[i] = dryPart;
-                    continue;
-                }
-
-                const auto wet = t < 0.0 ? negative[i] : positive[i];
-                samples[i] = (float) ((double) wet * weight + (double) dryPart);
+                // The delayed dry signal, gathered from the ring into one run first.
+                auto* delayed = delayedDry.data();
+                const auto from = (dryTime - linearPhaseDelay) & dryMask;
+                const auto firstPart = (int) std::min<int64_t> (count, dryMask + 1 - from);
+                std::copy_n (line + from, firstPart, delayed);
+                std::copy_n (line, count - firstPart, delayed + firstPart);
+                dry = delayed;
             }
+
+            if (! gliding)
+                crossFade (samples, positive, negative, dry, count, target);
+            else
+                for (int i = 0; i < count; ++i)
+                    crossFadeSample (samples[i], positive[i], negative[i], dry[i], previousTilt + (start + i) * step);
         }
 
         dryTime += count;

@@ -101,6 +101,7 @@ private:
     std::array<tilt::PartitionedConvolver, numChannels> convolvers;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece
     std::array<std::vector<float>, numChannels> dryLines;           // rings of past input
+    std::vector<float> delayedDry;                                  // one piece of a ring, in order
     int64_t dryMask = 0;
     int64_t dryTime = 0;
     int pieceSize = 0;
