@@ -71,6 +71,12 @@ build_jpeg()
         -DCMAKE_INSTALL_PREFIX="$prefix" -DENABLE_SHARED=OFF -DENABLE_STATIC=ON \
         -DWITH_TURBOJPEG=OFF -DWITH_JPEG8=OFF >/dev/null
     cmake --build "$dir/build" --parallel "$jobs" --target install >/dev/null
+    # JUCE's loader reads the decompressor's internals, as Debian's libjpeg-dev allows.
+    cp "$dir/jpegint.h" "$prefix/include/"
+    # JUCE includes jpeglib.h inside a namespace of its own after windows.h, and uses that
+    # namespace's boolean: declare it there even when rpcndr.h has declared the same type.
+    sed -i '/#ifndef __RPCNDR_H__/{N;N;s/#ifndef __RPCNDR_H__[^\n]*\n\(typedef unsigned char boolean;\)\n#endif/\1/}' \
+        "$prefix/include/jconfig.h"
 }
 
 # Each library is built once; its stamp in the prefix marks it done.
@@ -97,7 +103,8 @@ dll=$build_dir/Quenda_artefacts/Release/VST/Quenda.dll
 system_dlls=(kernel32.dll user32.dll gdi32.dll advapi32.dll shell32.dll ole32.dll oleaut32.dll
     comdlg32.dll imm32.dll shlwapi.dll rpcrt4.dll version.dll winmm.dll wininet.dll wsock32.dll
     ws2_32.dll dxgi.dll msvcrt.dll comctl32.dll uxtheme.dll dwmapi.dll)
-imports=$($host-objdump -p "$dll" | sed -n 's/^\s*DLL Name: //p' | tr 'A-Z' 'a-z' | sort -u)
+headers=$($host-objdump -p "$dll")
+imports=$(sed -n 's/^\s*DLL Name: //p' <<<"$headers" | tr 'A-Z' 'a-z' | sort -u)
 echo "build-windows: Quenda.dll imports:" $imports
 for name in $imports; do
     case " ${system_dlls[*]} " in
@@ -105,7 +112,7 @@ for name in $imports; do
         *) echo "build-windows: Quenda.dll depends on $name, which Windows does not provide" >&2; exit 1 ;;
     esac
 done
-if ! $host-objdump -p "$dll" | grep -qE '^\s*\[\s*[0-9]+\] VSTPluginMain$'; then
+if ! grep -qE '^\s*\[\s*[0-9]+\] VSTPluginMain$' <<<"$headers"; then
     echo "build-windows: Quenda.dll does not export VSTPluginMain" >&2
     exit 1
 fi
