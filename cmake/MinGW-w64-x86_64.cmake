@@ -39,3 +39,7 @@ set (ENV{PKG_CONFIG_SYSROOT_DIR} "")
 set (CMAKE_EXE_LINKER_FLAGS_INIT    "-static -static-libgcc -static-libstdc++")
 set (CMAKE_SHARED_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
 set (CMAKE_MODULE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
+
+# Release DLLs go to users: without symbols they are a fraction of the size.
+set (CMAKE_SHARED_LINKER_FLAGS_RELEASE_INIT "-s")
+set (CMAKE_MODULE_LINKER_FLAGS_RELEASE_INIT "-s")
