@@ -55,7 +55,7 @@ cat <&4 >/dev/null || true
 wineserver -w
 
 # A window that failed to paint is one flat colour.
-if [ ! -s "$shot" ] || [ "$(convert "$shot" -format '%[fx:standard_deviation > 0.02]' info:)" != 1 ]; then
+if [ ! -s "$shot" ] || [ "$(identify -format '%[fx:standard_deviation > 0.02]' "$shot")" != 1 ]; then
     echo "test-windows: the editor did not show in its host window" >&2
     failed=1
 else
