@@ -1,7 +1,8 @@
 # JUCE includes <pluginterfaces/vst2.x/aeffect.h>; fst-dev installs an ABI-compatible
 # header set under /usr/include/pluginterfaces/fst. Build an SDK-shaped folder that points there.
 function (quenda_setup_vst2_sdk)
-    find_path (FST_INCLUDE_DIR aeffectx.h PATHS /usr/include/pluginterfaces/fst NO_DEFAULT_PATH)
+    # Plain C headers, the same for every target: not re-rooted when cross-compiling.
+    find_path (FST_INCLUDE_DIR aeffectx.h PATHS /usr/include/pluginterfaces/fst NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
     if (NOT FST_INCLUDE_DIR)
         message (FATAL_ERROR "fst-dev is missing: run scripts/setup.sh")
     endif()

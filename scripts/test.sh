@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: a plain Release build, then the same tests under
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# AddressSanitizer and UndefinedBehaviorSanitizer, then the Windows build under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,3 +13,6 @@ bash scripts/build.sh build-sanitize -DQUENDA_SANITIZE=ON -DQUENDA_BUILD_BENCH=O
     -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-sanitize --output-on-failure --timeout 900
+
+# Quenda.dll for Windows, cross-built with MinGW-w64, and its host-level tests under Wine.
+bash scripts/test-windows.sh build-windows

@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// A minimal VST2 host: dlopen the plug-in, call VSTPluginMain and talk to it only through the
+// A minimal VST2 host: load the plug-in, call VSTPluginMain and talk to it only through the
 // AEffect dispatcher, the way a DAW does. JUCE's own VST2 hosting is not used, since it
 // mis-sizes fst's speaker structs.
 #pragma once
 
 #include <aeffectx.h>
 
-#include <dlfcn.h>
+#include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
+
+#if defined (_WIN32)
+ #include <windows.h>
+#else
+ #include <dlfcn.h>
+#endif
 
 namespace vst2host
 {
@@ -21,33 +29,63 @@ inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr,
 
 using PluginMain = AEffect* (*) (audioMasterCallback);
 
-/** The loaded shared object; stays loaded for the whole test program, as hosts keep it. */
+/** The loaded shared object; stays loaded for the whole test program, as hosts keep it.
+    QUENDA_VST2_PATH in the environment overrides the built one (a Windows path under Wine). */
 class Library
 {
 public:
     static Library& get()
     {
-        static Library library (QUENDA_VST2_PATH);
+        const auto* override = std::getenv ("QUENDA_VST2_PATH");
+        static Library library (override != nullptr ? override : QUENDA_VST2_PATH);
         return library;
     }
 
     PluginMain entry() const { return main; }
 
 private:
-    explicit Library (const char* path)
+    explicit Library (const std::string& path)
     {
-        handle = dlopen (path, RTLD_NOW | RTLD_LOCAL);
+       #if defined (_WIN32)
+        auto* module = LoadLibraryA (path.c_str());
+        if (module == nullptr)
+            throw std::runtime_error ("LoadLibrary failed for " + path + ": error " + std::to_string (GetLastError()));
+
+        main = reinterpret_cast<PluginMain> (reinterpret_cast<void*> (GetProcAddress (module, "VSTPluginMain")));
+       #else
+        auto* handle = dlopen (path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr)
             throw std::runtime_error (std::string ("dlopen failed: ") + dlerror());
 
         main = reinterpret_cast<PluginMain> (dlsym (handle, "VSTPluginMain"));
+       #endif
         if (main == nullptr)
             throw std::runtime_error ("VSTPluginMain not exported");
     }
 
-    void* handle = nullptr;
     PluginMain main = nullptr;
 };
+
+/** Lets time pass as a host's idle message thread would. On Windows the plug-in's deferred
+    work is posted to the thread that loaded it, so the host must dispatch its messages; on
+    Linux the plug-in runs a message thread of its own. */
+inline void runMessageLoopFor (std::chrono::milliseconds duration)
+{
+   #if defined (_WIN32)
+    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;)
+    {
+        MSG message;
+        while (PeekMessageW (&message, nullptr, 0, 0, PM_REMOVE))
+        {
+            TranslateMessage (&message);
+            DispatchMessageW (&message);
+        }
+        std::this_thread::sleep_for (std::chrono::milliseconds (5));
+    }
+   #else
+    std::this_thread::sleep_for (duration);
+   #endif
+}
 
 /** One plug-in instance, opened and closed like a host does. */
 class Instance

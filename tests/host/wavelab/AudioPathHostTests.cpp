@@ -1,9 +1,47 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Quenda.so's output through the VST2 ABI against the reference model. This program's name
+// The plug-in's output through the VST2 ABI against the reference model. This program's name
 // contains "wavelab", so the plug-in computes its kernels inside the block that asks for
 // them and every block is deterministic.
 
 #include "../HostSession.h"
+#include "platform/HostInfo.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace
+{
+    /** Starts tools/LockHolder (built beside this program) and returns once it holds the
+        engine lock; close() returns its exit status. */
+    struct LockHolderProcess
+    {
+        explicit LockHolderProcess (int holdMs)
+        {
+            auto program = platform::hostExecutablePath();
+            program = program.substr (0, program.find_last_of ("/\\") + 1) + "quenda-lock-holder";
+           #if defined (_WIN32)
+            // Through cmd.exe, which takes the unquoted path; build folders have no spaces.
+            pipe = _popen ((program + ".exe " + std::to_string (holdMs)).c_str(), "r");
+           #else
+            pipe = popen (("exec '" + program + "' " + std::to_string (holdMs)).c_str(), "r");
+           #endif
+            char line[16] {};
+            holding = pipe != nullptr && std::fgets (line, sizeof (line), pipe) != nullptr && std::string (line).rfind ("held", 0) == 0;
+        }
+
+        int close()
+        {
+           #if defined (_WIN32)
+            return _pclose (pipe);
+           #else
+            return pclose (pipe);
+           #endif
+        }
+
+        FILE* pipe = nullptr;
+        bool holding = false;
+    };
+}
 
 TEST (AudioPath, SteadyTiltInBothPhaseModes)
 {
@@ -118,4 +156,34 @@ TEST (AudioPath, ARateChangeIsProcessedFromItsFirstBlock)
 
     for (int b = 0; b < 4; ++b)
         session.block (512, "44.1 kHz");
+}
+
+TEST (AudioPath, KernelComputationWaitsWhileAnotherProcessHoldsTheEngineLock)
+{
+    Settings settings;
+    settings.tilt = -0.7f;
+    settings.linPhase = 1;
+    Session session (512, settings);
+
+    for (int b = 0; b < 2; ++b)
+        session.block (512, "before");
+
+    // The block after a rate change computes the kernels here, so it has to wait until the
+    // other process lets go of the lock; the output must still be exact afterwards.
+    constexpr int holdMs = 2000;
+    LockHolderProcess holder (holdMs);
+    ASSERT_TRUE (holder.holding) << "the lock holder did not start";
+    const auto start = std::chrono::steady_clock::now();
+
+    session.plugin.stop();
+    session.plugin.start (44100.0f, 512);
+    session.model.start (44100.0, 512, session.settings);
+    session.block (512, "rate changed while the lock is held elsewhere");
+
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds> (std::chrono::steady_clock::now() - start);
+    EXPECT_GE (waited.count(), holdMs - 300) << "the kernels were computed while another process held the lock";
+    EXPECT_EQ (0, holder.close());
+
+    for (int b = 0; b < 4; ++b)
+        session.block (512, "after");
 }
