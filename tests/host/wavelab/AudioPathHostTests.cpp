@@ -168,7 +168,7 @@ TEST (AudioPath, KernelComputationWaitsWhileAnotherProcessHoldsTheEngineLock)
     for (int b = 0; b < 2; ++b)
         session.block (512, "before");
 
-    // The block after a rate change computes the kernels here, so it has to wait until the
+    // Preparing for the new rate computes the kernels at once, so it has to wait until the
     // other process lets go of the lock; the output must still be exact afterwards.
     constexpr int holdMs = 2000;
     LockHolderProcess holder (holdMs);
