@@ -268,7 +268,7 @@ void QuendaAudioProcessorEditor::sliderValueChanged (juce::Slider* slider)
         return;
 
     // No gesture: hosts see a plain stream of values while a knob is dragged.
-    parameter->setValueNotifyingHost (parameter->toNormalised (value));
+    parameter->setPlainValueNotifyingHost (value);
 }
 
 void QuendaAudioProcessorEditor::buttonClicked (juce::Button* button)

@@ -27,7 +27,9 @@ void PlainFloatParameter::setPlainValueNotifyingHost (float newPlainValue)
     if (! std::isfinite (newPlainValue))
         return;
 
-    setValueNotifyingHost (toNormalised (newPlainValue));
+    // Stored as given, not through the 0..1 form, which would move it by a rounding step.
+    plainValue.store (newPlainValue, std::memory_order_relaxed);
+    sendValueChangedMessageToListeners (toNormalised (newPlainValue));
 }
 
 float PlainFloatParameter::toNormalised (float plain) const noexcept
@@ -55,6 +57,11 @@ void PlainFloatParameter::setValue (float newValue)
 {
     // A NaN in a shelf's feedback path would silence the channel for the rest of the session.
     if (! std::isfinite (newValue))
+        return;
+
+    // Hosts echo the 0..1 value they were last told. Mapping it back would move a plain value
+    // such as 97.5 Hz by a rounding step, so saved states would drift with every echo.
+    if (normalisation == Normalisation::mappedToRange && newValue == toNormalised (get()))
         return;
 
     plainValue.store (fromNormalised (newValue), std::memory_order_relaxed);
