@@ -2,19 +2,17 @@
 # QUENDA_WARNINGS_AS_ERRORS is on (scripts/test.sh turns it on).
 function (quenda_enable_warnings target)
     target_link_libraries (${target} PRIVATE juce::juce_recommended_warning_flags)
-    if (QUENDA_WARNINGS_AS_ERRORS)
-        target_compile_options (${target} PRIVATE -Werror)
+    if (NOT QUENDA_WARNINGS_AS_ERRORS)
+        return()
     endif()
-endfunction()
 
-# JUCE's module sources, compiled into the shared-code target, are not ours to fix.
-function (quenda_relax_warnings_for_juce_sources target)
+    # Per source file: JUCE's module sources compiled into the same target are not ours to fix,
+    # and their command lines (and so the shared compiler cache) stay the same either way.
     get_target_property (sources ${target} SOURCES)
+    get_target_property (folder ${target} SOURCE_DIR)
     foreach (source IN LISTS sources)
-        if (source MATCHES "^${JUCE_MODULES_DIR}" OR source MATCHES "/juce_[a-z_]+/juce_[a-z_0-9]+\\.(cpp|mm)$"
-            OR source MATCHES "BinaryData")
-            set_source_files_properties ("${source}" TARGET_DIRECTORY ${target}
-                                         PROPERTIES COMPILE_OPTIONS "-Wno-error")
+        if (NOT source MATCHES "^${JUCE_MODULES_DIR}" AND NOT source MATCHES "BinaryData|JuceLibraryCode")
+            set_property (SOURCE "${source}" DIRECTORY "${folder}" APPEND PROPERTY COMPILE_OPTIONS -Werror)
         endif()
     endforeach()
 endfunction()
