@@ -78,7 +78,7 @@ TEST (RealtimeSafety, NoBlockUpToThePreparedSizeAllocatesButALongerOneDoes)
             Processor processor;
             setParameter (processor, Processor::linPhaseIndex, linearPhase);
             makeReady (processor, 512);
-            const auto input = makeNoise (512, 5);
+            const auto input = makeNoise (2, 512, 5);
             bool soundChanged = false;   // proves the blocks took the processing path, not the dry one
 
             for (int k = 0; k < 24; ++k)
@@ -93,7 +93,7 @@ TEST (RealtimeSafety, NoBlockUpToThePreparedSizeAllocatesButALongerOneDoes)
             }
 
             EXPECT_TRUE (soundChanged);
-            auto longer = makeNoise (1024, 6);
+            auto longer = makeNoise (2, 1024, 6);
             EXPECT_GT (allocationsIn (processor, longer), 0) << "the counter missed the engine growing";
         }
     }
