@@ -11,12 +11,15 @@ namespace quenda::cli
 {
 namespace
 {
-    // The processor's parameters carry no unit labels of their own.
     juce::String unitFor (const juce::String& id)
     {
-        if (id == "trim" || id == "low" || id == "high") return "dB";
-        if (id.endsWith ("_freq"))                      return "Hz";
-        return {};
+        const auto index = ParameterTable::indexOf (id.toStdString());
+
+        if (index == ParameterTable::numParameters)
+            return {};
+
+        const auto unit = ParameterTable::entry (index).unit;
+        return juce::String (unit.data(), unit.size());
     }
 
     juce::String formatValue (float value)

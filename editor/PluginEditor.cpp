@@ -4,16 +4,18 @@
 
 #include <BinaryData.h>
 
-#include <cmath>
-#include <cstdio>
 
 namespace
 {
     const juce::Colour panelColour { 0xff323e44 };
 
-    void styleSlider (juce::Slider& slider, double minimum, double maximum, int textBoxHeight)
+    void styleSlider (juce::Slider& slider, const ParameterTable::Entry& parameter, int textBoxHeight)
     {
-        slider.setRange (minimum, maximum, 0.0);
+        slider.setRange (parameter.minimum, parameter.maximum, 0.0);
+
+        if (parameter.skew != 1.0f)
+            slider.setSkewFactor (parameter.skew);
+
         slider.setSliderStyle (juce::Slider::RotaryVerticalDrag);
         slider.setTextBoxStyle (juce::Slider::TextBoxBelow, false, 80, textBoxHeight);
     }
@@ -29,33 +31,14 @@ namespace
 }
 
 //==============================================================================
-juce::String QuendaAudioProcessorEditor::toFixedDecimals (double value, int decimals)
-{
-    if (! std::isfinite (value))
-        return juce::String (value);
-
-    // Rounded by hand: String (double, d) neither rounds halves away from zero nor keeps
-    // the sign of a negative value that rounds to zero.
-    const auto scaled = std::floor (std::abs (value) * std::pow (10.0, decimals) + 0.5);
-
-    char digits[400];
-    std::snprintf (digits, sizeof (digits), "%.0f", scaled);
-    auto text = juce::String (digits).paddedLeft ('0', decimals + 1);
-
-    if (decimals > 0)
-        text = text.dropLastCharacters (decimals) + "." + text.getLastCharacters (decimals);
-
-    return value < 0.0 ? "-" + text : text;
-}
-
 juce::String QuendaAudioProcessorEditor::mySlider::getTextFromValue (double value)
 {
-    return toFixedDecimals (value, 2) + getTextValueSuffix();
+    return PlainFloatParameter::toFixedDecimals (value, 2) + getTextValueSuffix();
 }
 
 juce::String QuendaAudioProcessorEditor::my_freqSlider::getTextFromValue (double value)
 {
-    return toFixedDecimals (value, 1) + getTextValueSuffix();
+    return PlainFloatParameter::toFixedDecimals (value, 1) + getTextValueSuffix();
 }
 
 QuendaAudioProcessorEditor::OtherLookAndFeel::OtherLookAndFeel()
@@ -70,14 +53,24 @@ void QuendaAudioProcessorEditor::Images::paint (juce::Graphics& g)
 
 //==============================================================================
 template <typename SliderType>
-std::unique_ptr<SliderType> QuendaAudioProcessorEditor::addKnob (const juce::String& name, double minimum,
-                                                                 double maximum, int textBoxHeight)
+std::unique_ptr<SliderType> QuendaAudioProcessorEditor::addKnob (const juce::String& name, size_t parameterIndex,
+                                                                 int textBoxHeight)
 {
     auto knob = std::make_unique<SliderType> (name);
     addAndMakeVisible (knob.get());
-    styleSlider (*knob, minimum, maximum, textBoxHeight);
+    styleSlider (*knob, ParameterTable::entry (parameterIndex), textBoxHeight);
     knob->addListener (this);
     return knob;
+}
+
+void QuendaAudioProcessorEditor::setDefaultAndUnit (juce::Slider& slider, size_t parameterIndex)
+{
+    const auto& parameter = ParameterTable::entry (parameterIndex);
+    slider.setDoubleClickReturnValue (true, parameter.defaultValue);
+
+    // The tilt knob's caption carries its unit.
+    if (! parameter.unit.empty() && parameterIndex != ParameterTable::tiltIndex)
+        slider.setTextValueSuffix (" " + juce::String (parameter.unit.data(), parameter.unit.size()));
 }
 
 std::unique_ptr<juce::Label> QuendaAudioProcessorEditor::addLabel (const juce::String& name, const juce::String& text,
@@ -101,7 +94,7 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     trimGroup = std::make_unique<juce::GroupComponent> ("new group", TRANS ("Trim"));
     addAndMakeVisible (trimGroup.get());
 
-    tiltSlider = addKnob<mySlider> ("tilt_slider", -1.0, 1.0, 20);
+    tiltSlider = addKnob<mySlider> ("tilt_slider", ParameterTable::tiltIndex, 20);
     tiltSlider->setTooltip (TRANS ("Tilt\n"));
 
     makerLabel = addLabel ("dffd", TRANS ("Selvane\n"), 15.0f);
@@ -132,21 +125,19 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
 
     dashCaption = addLabel ("new label", TRANS ("-\n"), 15.0f);
 
-    trimSlider = addKnob<mySlider> ("trim_slider", -6.0, 6.0, 20);
+    trimSlider = addKnob<mySlider> ("trim_slider", ParameterTable::trimIndex, 20);
 
-    lowSlider = addKnob<mySlider> ("slider_low", -6.0, 6.0, 16);
+    lowSlider = addKnob<mySlider> ("slider_low", ParameterTable::lowIndex, 16);
 
-    highSlider = addKnob<mySlider> ("slider_high", -3.0, 3.0, 16);
+    highSlider = addKnob<mySlider> ("slider_high", ParameterTable::highIndex, 16);
 
     tiltUnitCaption = addLabel ("new label", TRANS ("linear tilt [dB /oct.]\n"), 12.0f);
 
     highGainCaption = addLabel ("new label", TRANS ("high\n"), 11.0f);
 
-    lowFreqSlider = addKnob<my_freqSlider> ("low_freq_slider", 20.0, 300.0, 16);
-    lowFreqSlider->setSkewFactor (0.5);
+    lowFreqSlider = addKnob<my_freqSlider> ("low_freq_slider", ParameterTable::lowFreqIndex, 16);
 
-    highFreqSlider = addKnob<my_freqSlider> ("high_freq_slider", 3000.0, 15000.0, 16);
-    highFreqSlider->setSkewFactor (0.5);
+    highFreqSlider = addKnob<my_freqSlider> ("high_freq_slider", ParameterTable::highFreqIndex, 16);
 
     lowFreqCaption = addLabel ("new label", TRANS ("low freq\n"), 11.0f);
     lowFreqCaption->setColour (juce::Label::textColourId, juce::Colours::white);
@@ -159,24 +150,19 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     tiltSlider->setLookAndFeel (&otherLookAndFeel);
 
     controls.push_back (tiltSlider.get());
-    tiltDisplay->setText (toFixedDecimals (tiltSlider->getValue(), 2) + " dB/oct", juce::dontSendNotification);
+    tiltDisplay->setText (PlainFloatParameter::toFixedDecimals (tiltSlider->getValue(), 2) + " dB/oct", juce::dontSendNotification);
     controls.push_back (bypassButton.get());
     controls.push_back (linPhaseButton.get());
 
     setSize (600, 400);
     setSize (700, 193);
 
-    tiltSlider->setDoubleClickReturnValue (true, 0.0);
-    trimSlider->setDoubleClickReturnValue (true, 0.0);
-    trimSlider->setTextValueSuffix (" dB");
-    lowSlider->setDoubleClickReturnValue (true, 0.0);
-    lowSlider->setTextValueSuffix (" dB");
-    highSlider->setDoubleClickReturnValue (true, 0.0);
-    highSlider->setTextValueSuffix (" dB");
-    lowFreqSlider->setDoubleClickReturnValue (true, 150.0);
-    lowFreqSlider->setTextValueSuffix (" Hz");
-    highFreqSlider->setDoubleClickReturnValue (true, 4500.0);
-    highFreqSlider->setTextValueSuffix (" Hz");
+    setDefaultAndUnit (*tiltSlider, ParameterTable::tiltIndex);
+    setDefaultAndUnit (*trimSlider, ParameterTable::trimIndex);
+    setDefaultAndUnit (*lowSlider, ParameterTable::lowIndex);
+    setDefaultAndUnit (*highSlider, ParameterTable::highIndex);
+    setDefaultAndUnit (*lowFreqSlider, ParameterTable::lowFreqIndex);
+    setDefaultAndUnit (*highFreqSlider, ParameterTable::highFreqIndex);
 
     controls.push_back (trimSlider.get());
     controls.push_back (lowSlider.get());
@@ -282,7 +268,7 @@ void QuendaAudioProcessorEditor::sliderValueChanged (juce::Slider* slider)
         return;
 
     // No gesture: hosts see a plain stream of values while a knob is dragged.
-    parameter->setValueNotifyingHost (parameter->toNormalised (value));
+    parameter->setPlainValueNotifyingHost (value);
 }
 
 void QuendaAudioProcessorEditor::buttonClicked (juce::Button* button)

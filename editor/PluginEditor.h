@@ -34,10 +34,6 @@ public:
     void buttonClicked (juce::Button*) override;
     void labelTextChanged (juce::Label*) override {}
 
-    /** Fixed-point text of a value: d decimals, halves away from zero, and a minus sign on
-        any negative value, even one that rounds to zero. */
-    static juce::String toFixedDecimals (double value, int decimals);
-
     /** Two-decimal value text (gains and tilt). */
     class mySlider : public juce::Slider
     {
@@ -75,7 +71,10 @@ public:
 private:
     /** Creates a child, shows it at once (creation order is stacking order) and styles it. */
     template <typename SliderType>
-    std::unique_ptr<SliderType> addKnob (const juce::String& name, double minimum, double maximum, int textBoxHeight);
+    std::unique_ptr<SliderType> addKnob (const juce::String& name, size_t parameterIndex, int textBoxHeight);
+
+    /** Double-click value and unit suffix from the parameter table. */
+    static void setDefaultAndUnit (juce::Slider&, size_t parameterIndex);
     std::unique_ptr<juce::Label> addLabel (const juce::String& name, const juce::String& text, float fontHeight);
 
     PlainFloatParameter* floatParameterFor (const juce::Component*) const;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "ParameterTable.h"
+
 #include <juce_audio_processors/juce_audio_processors.h>
 #include <atomic>
 
@@ -20,11 +22,7 @@ public:
         mappedToRange   // 0..1 over the display range, for wrappers that clamp to 0..1
     };
 
-    PlainFloatParameter (const juce::String& parameterID,
-                         const juce::String& parameterName,
-                         float defaultPlainValue,
-                         juce::NormalisableRange<float> displayRange,
-                         Normalisation normalisation);
+    PlainFloatParameter (const ParameterTable::Entry& entry, Normalisation normalisation);
 
     /** The value in its own unit, as the audio code and the state use it. */
     float get() const noexcept                      { return plainValue.load (std::memory_order_relaxed); }
@@ -40,6 +38,16 @@ public:
     float toNormalised (float plain) const noexcept;
     float fromNormalised (float normalised) const noexcept;
 
+    /** The plain value with the entry's decimals and unit, e.g. "150.0 Hz". */
+    juce::String plainText (float plain) const;
+
+    /** Reads the leading number of a typed text; "k" before "Hz" scales by 1000. */
+    float plainValueForText (const juce::String& text) const;
+
+    /** Fixed-point text: d decimals, halves away from zero, and a minus sign on any negative
+        value, even one that rounds to zero. */
+    static juce::String toFixedDecimals (double value, int decimals);
+
     // AudioProcessorParameter
     float getValue() const override;
     void setValue (float newValue) override;
@@ -52,6 +60,7 @@ public:
     bool isAutomatable() const override             { return true; }
 
 private:
+    const ParameterTable::Entry& entry;
     const float defaultPlainValue;
     const juce::NormalisableRange<float> displayRange;
     const Normalisation normalisation;

@@ -31,9 +31,9 @@ namespace
         }
     }
 
-    juce::AudioParameterBool* makeSwitch (const juce::String& id, const juce::String& name)
+    juce::String toString (std::string_view text)
     {
-        return new juce::AudioParameterBool (juce::ParameterID { id, 1 }, name, false);
+        return juce::String (text.data(), text.size());
     }
 
     // WaveLab needs the kernels before the block that asked for them returns.
@@ -58,18 +58,35 @@ QuendaAudioProcessor::QuendaAudioProcessor()
       engineLock (platform::NamedSemaphore::open (engineLockName)),
       filtersLock (platform::NamedSemaphore::open (filtersLockName))
 {
-    tilt = addFloatParameter ("tilt", "tilt", 0.0f, { -1.0f, 1.0f });
+    // The wrapper that creates this instance is known by now and fixes the normalisation.
+    const auto normalisation = normalisationFor (wrapperType);
 
-    bypass = makeSwitch ("bypass", "Bypass");
-    addParameter (bypass);
-    linPhase = makeSwitch ("lin_phase", "linear phase");
-    addParameter (linPhase);
+    for (size_t i = 0; i < entries.size(); ++i)
+    {
+        const auto& parameter = entries[i];
 
-    trim = addFloatParameter ("trim", "trim", 0.0f, { -6.0f, 6.0f });
-    low = addFloatParameter ("low", "low", 0.0f, { -6.0f, 6.0f });
-    high = addFloatParameter ("high", "high", 0.0f, { -3.0f, 3.0f });
-    lowFreq = addFloatParameter ("low_freq", "low_freq", 150.0f, { 20.0f, 300.0f, 0.0f, 0.5f });
-    highFreq = addFloatParameter ("high_freq", "high_freq", 4500.0f, { 3000.0f, 15000.0f, 0.0f, 0.5f });
+        if (parameter.isSwitch)
+        {
+            switchParameters[i] = new juce::AudioParameterBool (juce::ParameterID { toString (parameter.id), 1 },
+                                                                toString (parameter.name),
+                                                                parameter.isOn (parameter.defaultValue));
+            addParameter (switchParameters[i]);
+        }
+        else
+        {
+            floatParameters[i] = new PlainFloatParameter (parameter, normalisation);
+            addParameter (floatParameters[i]);
+        }
+    }
+
+    tilt = floatParameters[tiltIndex];
+    bypass = switchParameters[bypassIndex];
+    linPhase = switchParameters[linPhaseIndex];
+    trim = floatParameters[trimIndex];
+    low = floatParameters[lowIndex];
+    high = floatParameters[highIndex];
+    lowFreq = floatParameters[lowFreqIndex];
+    highFreq = floatParameters[highFreqIndex];
 
     if (getLatencySamples() != baseLatency)
         setLatencySamples (baseLatency);
@@ -88,13 +105,22 @@ QuendaAudioProcessor::~QuendaAudioProcessor()
     cancelPendingUpdate();
 }
 
-PlainFloatParameter* QuendaAudioProcessor::addFloatParameter (const juce::String& id, const juce::String& name,
-                                                              float defaultValue,
-                                                              juce::NormalisableRange<float> displayRange)
+const juce::String QuendaAudioProcessor::getProgramName (int)
 {
-    auto* parameter = new PlainFloatParameter (id, name, defaultValue, displayRange, normalisationFor (wrapperType));
-    addParameter (parameter);
-    return parameter;
+    // VST2 sessions know the one program as unnamed; VST3 validators and LV2 preset lists
+    // need a name.
+    if (wrapperType == wrapperType_VST || wrapperType == wrapperType_Undefined)
+        return {};
+
+    return "Default";
+}
+
+juce::AudioProcessorParameter* QuendaAudioProcessor::getBypassParameter() const
+{
+    // Only VST3 gets it. The VST2 wrapper would turn a host's bypass into a saved "bypass"
+    // value, and JUCE's LV2 wrapper overwrites this parameter from the host's "enabled" port
+    // every block, so a saved or automated bypass would be lost.
+    return wrapperType == wrapperType_VST3 ? bypass : nullptr;
 }
 
 bool QuendaAudioProcessor::isBusesLayoutSupported (const BusesLayout& layout) const
@@ -480,8 +506,13 @@ juce::AudioProcessorEditor* QuendaAudioProcessor::createEditor()
 
 StateBlock::Values QuendaAudioProcessor::getParameterValues() const
 {
-    return { tilt->get(), bypass->get() ? 1.0f : 0.0f, linPhase->get() ? 1.0f : 0.0f, trim->get(),
-             low->get(), high->get(), lowFreq->get(), highFreq->get() };
+    StateBlock::Values values {};
+
+    for (size_t i = 0; i < values.size(); ++i)
+        values[i] = floatParameters[i] != nullptr ? floatParameters[i]->get()
+                                                  : (switchParameters[i]->get() ? 1.0f : 0.0f);
+
+    return values;
 }
 
 void QuendaAudioProcessor::getStateInformation (juce::MemoryBlock& destData)
@@ -496,8 +527,6 @@ void QuendaAudioProcessor::setStateInformation (const void* data, int sizeInByte
     if (! restored)
         return;
 
-    const auto& parameters = getParameters();
-
     for (size_t i = 0; i < restored->size(); ++i)
     {
         const auto& value = (*restored)[i];
@@ -505,10 +534,10 @@ void QuendaAudioProcessor::setStateInformation (const void* data, int sizeInByte
         if (! value)
             continue;
 
-        if (auto* plain = dynamic_cast<PlainFloatParameter*> (parameters[(int) i]))
-            plain->setPlainValueNotifyingHost (*value);
+        if (floatParameters[i] != nullptr)
+            floatParameters[i]->setPlainValueNotifyingHost (*value);
         else
-            parameters[(int) i]->setValueNotifyingHost (*value);
+            switchParameters[i]->setValueNotifyingHost (*value);
     }
 
     // The host learns the latency of the restored phase mode now, not at the first block.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "ParameterTable.h"
 #include "PlainParameter.h"
 #include "StateBlock.h"
 #include "processor/Biquad.h"
@@ -9,25 +10,15 @@
 
 #include <juce_audio_processors/juce_audio_processors.h>
 
-/** Quenda: a spectral tilt, a low and a high shelf, then an output trim. */
+/** Quenda: a spectral tilt, a low and a high shelf, then an output trim.
+
+    The parameter indices (tiltIndex ...) come from ParameterTable, in host order.
+*/
 class QuendaAudioProcessor : public juce::AudioProcessor,
-                             public juce::AsyncUpdater
+                             public juce::AsyncUpdater,
+                             public ParameterTable
 {
 public:
-    /** Parameter indices as hosts and the editor see them. */
-    enum ParameterIndex
-    {
-        tiltIndex = 0,
-        bypassIndex,
-        linPhaseIndex,
-        trimIndex,
-        lowIndex,
-        highIndex,
-        lowFreqIndex,
-        highFreqIndex,
-        numParameters
-    };
-
     QuendaAudioProcessor();
     ~QuendaAudioProcessor() override;
 
@@ -51,8 +42,11 @@ public:
     int getNumPrograms() override                     { return 1; }
     int getCurrentProgram() override                  { return 0; }
     void setCurrentProgram (int) override             {}
-    const juce::String getProgramName (int) override  { return {}; }
+    const juce::String getProgramName (int) override;
     void changeProgramName (int, const juce::String&) override {}
+
+    /** The "bypass" switch, for the VST3 wrapper's host bypass (it adds a second one otherwise). */
+    juce::AudioProcessorParameter* getBypassParameter() const override;
 
     void getStateInformation (juce::MemoryBlock& destData) override;
     void setStateInformation (const void* data, int sizeInBytes) override;
@@ -111,10 +105,11 @@ private:
     // Low shelf of channels 0 and 1, then high shelf of channels 0 and 1.
     Biquad filters[4];
 
-    PlainFloatParameter* addFloatParameter (const juce::String& id, const juce::String& name,
-                                            float defaultValue, juce::NormalisableRange<float> displayRange);
+    // Owned by the framework's parameter list; by index, one of the two is set.
+    std::array<PlainFloatParameter*, numParameters> floatParameters {};
+    std::array<juce::AudioParameterBool*, numParameters> switchParameters {};
 
-    // Owned by the framework's parameter list.
+    // The same objects by name, for the audio code.
     PlainFloatParameter* tilt = nullptr;
     juce::AudioParameterBool* bypass = nullptr;
     juce::AudioParameterBool* linPhase = nullptr;

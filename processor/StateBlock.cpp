@@ -6,6 +6,15 @@
 namespace StateBlock
 {
 
+namespace
+{
+    juce::String attributeName (size_t index)
+    {
+        const auto id = ParameterTable::entry (index).id;
+        return juce::String (id.data(), id.size());
+    }
+}
+
 juce::String formatDouble (double value)
 {
     char text[64] {};
@@ -18,11 +27,12 @@ juce::MemoryBlock write (const Values& values)
 {
     juce::String xml ("<Params");
 
-    for (size_t i = 0; i < attributeNames.size(); ++i)
+    for (size_t i = 0; i < numValues; ++i)
     {
-        const auto text = isSwitch (i) ? juce::String (values[i] >= 0.5f ? "1" : "0")
-                                       : formatDouble ((double) values[i]);
-        xml << ' ' << attributeNames[i] << "=\"" << text << '"';
+        const auto& parameter = ParameterTable::entry (i);
+        const auto text = parameter.isSwitch ? juce::String (parameter.isOn (values[i]) ? "1" : "0")
+                                             : formatDouble ((double) values[i]);
+        xml << ' ' << attributeName (i) << "=\"" << text << '"';
     }
 
     xml << "/>";
@@ -64,14 +74,14 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
 
     Restored restored;
 
-    for (size_t i = 0; i < attributeNames.size(); ++i)
+    for (size_t i = 0; i < numValues; ++i)
     {
-        const auto* name = attributeNames[i];
+        const auto name = attributeName (i);
 
         if (! element->hasAttribute (name))
             continue;
 
-        if (isSwitch (i))
+        if (ParameterTable::entry (i).isSwitch)
             restored[i] = element->getBoolAttribute (name) ? 1.0f : 0.0f;
         else
             restored[i] = (float) element->getDoubleAttribute (name);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "ParameterTable.h"
+
 #include <juce_core/juce_core.h>
 #include <array>
 #include <optional>
@@ -15,19 +17,14 @@ namespace StateBlock
 {
     constexpr juce::uint32 magic = 0x21324356;
 
-    /** Attribute names in the order they are written and read; also the parameter order. */
-    constexpr std::array<const char*, 8> attributeNames { "tilt", "bypass", "lin_phase", "trim",
-                                                          "low", "high", "low_freq", "high_freq" };
-    constexpr int bypassIndex = 1;
-    constexpr int linPhaseIndex = 2;
-
-    inline bool isSwitch (size_t index) noexcept   { return index == bypassIndex || index == linPhaseIndex; }
+    // One attribute per parameter, named by its ID, in parameter order.
+    constexpr auto numValues = (size_t) ParameterTable::numParameters;
 
     /** Values by parameter index; switches count as on at 0.5 and above. */
-    using Values = std::array<float, 8>;
+    using Values = std::array<float, numValues>;
 
     /** What a block restores: one entry per parameter, empty where the attribute was absent. */
-    using Restored = std::array<std::optional<float>, 8>;
+    using Restored = std::array<std::optional<float>, numValues>;
 
     /** %.20g of the float widened to double, independent of the C locale. */
     juce::String formatDouble (double value);

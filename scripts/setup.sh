@@ -9,6 +9,7 @@ packages=(
     libasound2-dev libfreetype-dev libfontconfig1-dev libx11-dev libxcomposite-dev
     libxcursor-dev libxext-dev libxinerama-dev libxrandr-dev libxrender-dev
     libflac-dev libvorbis-dev libogg-dev
+    sordi
     xvfb xauth
 )
 

@@ -6,10 +6,10 @@ cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 
-bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON
+bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON
 ctest --test-dir build --output-on-failure --timeout 600
 
-bash scripts/build.sh build-sanitize -DQUENDA_SANITIZE=ON -DQUENDA_BUILD_BENCH=OFF \
+bash scripts/build.sh build-sanitize -DQUENDA_SANITIZE=ON -DQUENDA_BUILD_BENCH=OFF -DQUENDA_WARNINGS_AS_ERRORS=ON \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-sanitize --output-on-failure --timeout 900

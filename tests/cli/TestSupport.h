@@ -4,6 +4,7 @@
 #include "Cli.h"
 #include "CliError.h"
 #include "processor/PluginProcessor.h"
+#include "tests/support/Signals.h"
 
 #include <juce_audio_formats/juce_audio_formats.h>
 #include <gtest/gtest.h>
@@ -36,15 +37,11 @@ namespace quenda::cli::test
         return { code, err.str() };
     }
 
-    /** Deterministic noise, different per channel; or, given a position, an impulse of 0.5 there. */
+    /** Noise at a quarter of full scale, or, given a position, an impulse of 0.5 there. */
     inline juce::AudioBuffer<float> noise (int channels, int length, int impulseAt = -1)
     {
-        juce::AudioBuffer<float> buffer (channels, length);
-        juce::Random random (7);
-        for (int c = 0; c < channels; ++c)
-            for (int i = 0; i < length; ++i)
-                buffer.setSample (c, i, impulseAt >= 0 ? (i == impulseAt ? 0.5f : 0.0f) : 0.25f * (random.nextFloat() * 2.0f - 1.0f));
-        return buffer;
+        return impulseAt >= 0 ? quenda_test::makeImpulse (channels, length, impulseAt)
+                              : quenda_test::makeNoise (channels, length, 7, 0.25f);
     }
 
     inline void writeAudio (const juce::File& file, const juce::AudioBuffer<float>& audio, double sampleRate = 48000.0, int bits = 32)

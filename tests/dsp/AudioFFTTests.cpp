@@ -42,7 +42,7 @@ TEST (FFTW3FFT, TransformsMatchADirectDftAndRoundTripAcrossReinitialisation)
 {
     // One object through every kind of init: a new size, the same size again, and 0, which empties it.
     audiofft::FFTW3FFT fft;
-    for (size_t n : { 0, 9, 1024, 1024, 16, 0, 1000 })
+    for (size_t n : { 0u, 9u, 1024u, 1024u, 16u, 0u, 1000u })
     {
         SCOPED_TRACE (n);
         fft.init (n);

@@ -2,7 +2,11 @@
 // A host session that drives Quenda.so and the reference model side by side.
 #pragma once
 
+// The model indexes its vectors with ints throughout; it is kept as written.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-conversion"
 #include "ReferenceModel.h"
+#pragma GCC diagnostic pop
 #include "Vst2Host.h"
 
 #include <gtest/gtest.h>
@@ -47,7 +51,7 @@ namespace
             plugin.process (left, right, 0, n);
             const std::vector<float>* actual[] = { &left, &right };
 
-            for (int c = 0; c < 2; ++c)
+            for (size_t c = 0; c < 2; ++c)
             {
                 double worst = 0;
                 int worstIndex = 0;

@@ -61,7 +61,7 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 {
     enum Holder { here, hereFreedByANewInstance, filtersHereFreedByANewInstance, otherProcess, otherProcessKilled };
     auto processor = makeConvolvingProcessor (blockSize);
-    auto buffer = makeNoise (blockSize, 1);
+    auto buffer = makeNoise (2, blockSize, 1);
     const std::string ranEarly = "ran while the lock was held", stalled = "stalled, then resumed";
 
     for (auto holder : { here, hereFreedByANewInstance, filtersHereFreedByANewInstance, otherProcess, otherProcessKilled })
@@ -121,7 +121,7 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 
 TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturbTheOutput)
 {
-    const auto input = makeNoise (200 * blockSize, 2);
+    const auto input = makeNoise (2, 200 * blockSize, 2);
     auto expected = input;
     processInBlocks (*makeConvolvingProcessor (blockSize), expected, blockSize);
 
@@ -133,7 +133,7 @@ TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturb
     // and a computation request), varies its block length and once plays a longer block.
     auto changer = std::async (std::launch::async, [&]
     {
-        const auto noise = makeNoise (2 * blockSize, 10);
+        const auto noise = makeNoise (2, 2 * blockSize, 10);
         juce::MidiBuffer midi;
         for (int count = 0; ! stop; count = ++changingBlocks)
         {
@@ -196,7 +196,7 @@ TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturb
     // the kernel's length (its convolution segments fall elsewhere: only rounding differs).
     changing->triggerAsyncUpdate();
     changing->handleUpdateNowIfNeeded();
-    auto fresh = makeNoise (40 * blockSize, 20);
+    auto fresh = makeNoise (2, 40 * blockSize, 20);
     auto changed = fresh;
     processInBlocks (*makeConvolvingProcessor (blockSize, -0.4f), fresh, blockSize);
     processInBlocks (*changing, changed, blockSize);

@@ -41,13 +41,53 @@ TEST (Parameters, SwitchesCountAsOnFromOneHalf)
     EXPECT_EQ (1.0f, processor.getParameterValues()[QuendaAudioProcessor::bypassIndex]);
 }
 
-TEST (Parameters, MappedNormalisationCoversTheDisplayRange)
+namespace
 {
-    PlainFloatParameter freq ("low_freq", "low_freq", 150.0f, { 20.0f, 300.0f, 0.0f, 0.5f },
-                              PlainFloatParameter::Normalisation::mappedToRange);
-    EXPECT_NEAR (std::pow ((150.0f - 20.0f) / 280.0f, 0.5f), freq.getDefaultValue(), 1e-6f);
-    freq.setValue (1.0f);
-    EXPECT_NEAR (300.0f, freq.get(), 1e-3f);
-    freq.setValue (0.0f);
-    EXPECT_NEAR (20.0f, freq.get(), 1e-3f);
+    std::unique_ptr<QuendaAudioProcessor> makeFor (juce::AudioProcessor::WrapperType wrapper)
+    {
+        juce::AudioProcessor::setTypeOfNextNewPlugin (wrapper);
+        auto processor = std::make_unique<QuendaAudioProcessor>();
+        juce::AudioProcessor::setTypeOfNextNewPlugin (juce::AudioProcessor::wrapperType_Undefined);
+        return processor;
+    }
+}
+
+TEST (Parameters, EachWrapperGetsItsNormalisationProgramNameAndBypass)
+{
+    using P = juce::AudioProcessor;
+    const struct { P::WrapperType wrapper; float lowFreqDefault; bool named; bool hostBypass; } cases[] = {
+        { P::wrapperType_VST, 150.0f, false, false },
+        { P::wrapperType_VST3, std::sqrt ((150.0f - 20.0f) / 280.0f), true, true },
+        { P::wrapperType_LV2, std::sqrt ((150.0f - 20.0f) / 280.0f), true, false },
+    };
+
+    for (const auto& c : cases)
+    {
+        auto processor = makeFor (c.wrapper);
+        auto* lowFreq = processor->getParameters()[QuendaAudioProcessor::lowFreqIndex];
+        EXPECT_NEAR (c.lowFreqDefault, lowFreq->getValue(), 1e-6f) << c.wrapper;
+        EXPECT_EQ (c.named, processor->getProgramName (0).isNotEmpty()) << c.wrapper;
+        EXPECT_EQ (c.hostBypass ? processor->getParameters()[QuendaAudioProcessor::bypassIndex] : nullptr,
+                   processor->getBypassParameter()) << c.wrapper;
+
+        // The host's 0..1 covers the editor range; the audio code and the state stay plain.
+        lowFreq->setValueNotifyingHost (lowFreq->getValueForText ("300 Hz"));
+        EXPECT_NEAR (300.0f, processor->getParameterValues()[QuendaAudioProcessor::lowFreqIndex], 1e-3f) << c.wrapper;
+    }
+}
+
+TEST (Parameters, TextsCarryUnitsAndTypedTextIsRead)
+{
+    auto processor = makeFor (juce::AudioProcessor::wrapperType_VST3);
+    const auto& parameters = processor->getParameters();
+    const struct { int index; const char* typed; const char* shown; } cases[] = {
+        { QuendaAudioProcessor::highFreqIndex, "6k", "6000.0 Hz" },
+        { QuendaAudioProcessor::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
+        { QuendaAudioProcessor::lowFreqIndex, "150", "150.0 Hz" },
+        { QuendaAudioProcessor::trimIndex, "-0.004 dB", "-0.00 dB" },
+        { QuendaAudioProcessor::tiltIndex, "0.006", "0.01 dB/oct" },
+    };
+
+    for (const auto& c : cases)
+        EXPECT_EQ (juce::String (c.shown), parameters[c.index]->getText (parameters[c.index]->getValueForText (c.typed), 64)) << c.typed;
 }

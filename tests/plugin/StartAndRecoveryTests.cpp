@@ -95,7 +95,7 @@ TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
             for (int i = 0; i < 8; ++i)
                 setParameter (processor, i, setting.values[i]);
 
-            auto audio = makeNoise (8192, 7);
+            auto audio = makeNoise (2, 8192, 7);
             juce::MidiBuffer midi;
             int start = 0;
             for (int n : { 1, 17, 1024, 333, 1024, 64, 1024, 1024, 1024, 1024, 1024, 1024, 1024 })
@@ -126,17 +126,17 @@ TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
         setParameter (*fresh, Processor::lowIndex, 4.0f);
         juce::MidiBuffer midi;
 
-        auto poisoned = makeNoise (512, 3);
+        auto poisoned = makeNoise (2, 512, 3);
         poisoned.setSample (1, 100, bad);
         processor->processBlock (poisoned, midi);
         EXPECT_EQ (0.0f, peak (poisoned));
 
         // The glides have settled in the poisoned instance; let the fresh one's settle too.
-        auto settle = makeNoise (512, 3);
+        auto settle = makeNoise (2, 512, 3);
         settle.clear();
         fresh->processBlock (settle, midi);
 
-        auto after = makeNoise (4096, 4);
+        auto after = makeNoise (2, 4096, 4);
         auto expected = after;
         processInBlocks (*processor, after, 512);
         processInBlocks (*fresh, expected, 512);

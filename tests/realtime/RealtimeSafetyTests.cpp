@@ -78,7 +78,7 @@ TEST (RealtimeSafety, NoBlockAllocatesWhateverItsSizeOrSettings)
             Processor processor;
             setParameter (processor, Processor::linPhaseIndex, linearPhase);
             makeReady (processor, 512);
-            const auto input = makeNoise (2000, 5);
+            const auto input = makeNoise (2, 2000, 5);
             bool soundChanged = false;   // proves the blocks took the processing path, not the dry one
 
             for (int k = 0; k < 24; ++k)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "processor/PluginProcessor.h"
+#include "Signals.h"
 
 #include <memory>
 
@@ -26,16 +27,6 @@ namespace quenda_test
         setParameter (*processor, Processor::tiltIndex, tilt);
         makeReady (*processor, blockSize);
         return processor;
-    }
-
-    // Reproducible stereo noise at half scale.
-    inline juce::AudioBuffer<float> makeNoise (int numSamples, juce::int64 seed)
-    {
-        juce::Random random (seed);
-        juce::AudioBuffer<float> noise (2, numSamples);
-        for (int i = 0; i < 2 * numSamples; ++i)
-            noise.setSample (i % 2, i / 2, random.nextFloat() - 0.5f);
-        return noise;
     }
 
     // One block of a longer buffer, without copying.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The processor's async kernel computation and the editor's timer need a message thread:
-// this main makes the test thread the message thread.
+// The processor posts its kernel design to the message thread, the editor runs a timer and
+// hosted plug-ins talk to their host on it: this main makes the test thread the message thread.
 
 #include <juce_events/juce_events.h>
 #include <gtest/gtest.h>

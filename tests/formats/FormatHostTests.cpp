@@ -1,0 +1,338 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The VST3 and LV2 builds as hosts see them, loaded by path through JUCE's own hosting
+// classes: parameters, texts and the 0..1 mapping, latency, state that crosses formats, and
+// audio that must equal the VST2 build's sample for sample.
+
+#include "processor/ParameterTable.h"
+#include "processor/StateBlock.h"
+#include "tests/host/Vst2Host.h"
+#include "tests/support/Signals.h"
+
+#include <juce_audio_processors/juce_audio_processors.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+namespace
+{
+    constexpr double sampleRate = 48000.0;
+    constexpr int blockSize = 256;
+
+    juce::String toString (std::string_view text)    { return juce::String (text.data(), text.size()); }
+
+    // A state every format must carry unchanged: no value is a default, lin_phase is on.
+    const StateBlock::Values savedValues { -0.37f, 0.0f, 1.0f, 1.25f, -2.5f, 1.75f, 97.5f, 7200.0f };
+
+    enum class Format { vst3, lv2 };
+
+    std::string formatName (const testing::TestParamInfo<Format>& info)
+    {
+        return info.param == Format::vst3 ? "Vst3" : "Lv2";
+    }
+
+    juce::AudioPluginFormat& lv2Format()
+    {
+        static auto* format = []
+        {
+            // The host also scans the usual folders, and lilv keeps the first copy of a URI it
+            // finds: an installed Quenda.lv2 would stand in for the build under test.
+            const auto home = juce::File::getSpecialLocation (juce::File::tempDirectory).getChildFile ("quenda-lv2-home");
+            home.createDirectory();
+            setenv ("HOME", home.getFullPathName().toRawUTF8(), 1);
+            return new juce::LV2PluginFormat();
+        }();
+        return *format;
+    }
+
+    std::unique_ptr<juce::AudioPluginInstance> load (Format format)
+    {
+        static juce::VST3PluginFormat vst3;
+        auto& host = format == Format::vst3 ? static_cast<juce::AudioPluginFormat&> (vst3) : lv2Format();
+        // The library's folder is <bundle>/Contents/<arch>-linux.
+        juce::String identifier = juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
+
+        if (format == Format::lv2)
+        {
+            for (auto* folder : { "/usr/lib/lv2", "/usr/local/lib/lv2", "/usr/lib64/lv2", "/usr/local/lib64/lv2" })
+                if (juce::File (folder).getChildFile ("Quenda.lv2").exists())
+                    ADD_FAILURE() << "an installed " << folder << "/Quenda.lv2 shadows the build under test";
+
+            host.searchPathsForPlugins (juce::File (QUENDA_LV2_BUNDLE).getParentDirectory().getFullPathName(), false, false);
+            identifier = QUENDA_LV2_URI;
+        }
+
+        juce::OwnedArray<juce::PluginDescription> found;
+        host.findAllTypesForFile (found, identifier);
+
+        if (found.isEmpty())
+        {
+            ADD_FAILURE() << "no plug-in found at " << identifier;
+            return {};
+        }
+
+        juce::String error;
+        auto instance = host.createInstanceFromDescription (*found[0], sampleRate, blockSize, error);
+        EXPECT_NE (nullptr, instance) << error;
+
+        if (instance != nullptr)
+            instance->prepareToPlay (sampleRate, blockSize);
+
+        return instance;
+    }
+
+    void processSilence (juce::AudioPluginInstance& plugin, int blocks = 1)
+    {
+        juce::AudioBuffer<float> buffer (2, blockSize);
+        juce::MidiBuffer midi;
+
+        for (int i = 0; i < blocks; ++i)
+        {
+            buffer.clear();
+            plugin.processBlock (buffer, midi);
+        }
+
+        // Hosts learn of a new latency through their message thread.
+        juce::MessageManager::getInstance()->runDispatchLoopUntil (20);
+    }
+
+    /** VST3 keeps the processor's order. JUCE's LV2 host sorts by URI and adds the host's own
+        bypass (the "enabled" port), so LV2 parameters are found by ID. */
+    juce::AudioProcessorParameter* parameterFor (Format format, juce::AudioPluginInstance& plugin, size_t index)
+    {
+        if (format == Format::vst3)
+            return plugin.getParameters()[(int) index];
+
+        const auto suffix = ":" + toString (ParameterTable::entry (index).id);
+
+        for (auto* parameter : plugin.getParameters())
+            if (auto* hosted = dynamic_cast<juce::HostedAudioProcessorParameter*> (parameter))
+                if (hosted->getParameterID().endsWith (suffix))
+                    return parameter;
+
+        ADD_FAILURE() << "no parameter " << suffix;
+        return nullptr;
+    }
+
+    juce::MemoryBlock toBlock (const std::vector<char>& bytes)      { return { bytes.data(), bytes.size() }; }
+
+    /** What a plug-in saved inside the host's own state wrapper, found by format. */
+    juce::MemoryBlock pluginState (Format format, const juce::MemoryBlock& hostState)
+    {
+        juce::MemoryBlock inner;
+
+        if (format == Format::vst3)
+        {
+            // JUCE's VST3 host: XML with the component's state in base64.
+            if (auto xml = juce::AudioProcessor::getXmlFromBinary (hostState.getData(), (int) hostState.getSize()))
+                if (auto* component = xml->getChildByName ("IComponent"))
+                    inner.fromBase64Encoding (component->getAllSubText());
+        }
+        else
+        {
+            // lilv's Turtle: the wrapper stores the block as one base64 string property.
+            const auto turtle = hostState.toString();
+            const auto value = turtle.fromFirstOccurrenceOf ("StateString>", false, false)
+                                     .fromFirstOccurrenceOf ("\"", false, false)
+                                     .upToFirstOccurrenceOf ("\"", false, false);
+            inner.fromBase64Encoding (value);
+        }
+
+        return inner;
+    }
+
+    /** The host state with the plug-in's part replaced; the rest of the wrapper stays. */
+    juce::MemoryBlock withPluginState (Format format, const juce::MemoryBlock& hostState, const juce::MemoryBlock& inner)
+    {
+        if (format == Format::vst3)
+        {
+            juce::XmlElement xml ("VST3PluginState");
+            xml.createNewChildElement ("IComponent")->addTextElement (inner.toBase64Encoding());
+            juce::MemoryBlock result;
+            juce::AudioProcessor::copyXmlToBinary (xml, result);
+            return result;
+        }
+
+        const auto turtle = hostState.toString();
+        const auto before = turtle.upToFirstOccurrenceOf ("StateString>", true, false)
+                          + turtle.fromFirstOccurrenceOf ("StateString>", false, false).upToFirstOccurrenceOf ("\"", true, false);
+        const auto after = turtle.fromFirstOccurrenceOf ("StateString>", false, false)
+                                 .fromFirstOccurrenceOf ("\"", false, false)
+                                 .fromFirstOccurrenceOf ("\"", true, false);
+        const auto text = before + inner.toBase64Encoding() + after;
+        return { text.toRawUTF8(), text.getNumBytesAsUTF8() };
+    }
+
+    /** The saved block at the start of a plug-in state (VST3 appends JUCE's own trailer). */
+    juce::MemoryBlock leadingStateBlock (const juce::MemoryBlock& state)
+    {
+        if (state.getSize() < 8)
+            return {};
+
+        const auto length = juce::ByteOrder::littleEndianInt (static_cast<const char*> (state.getData()) + 4);
+        return { state.getData(), juce::jmin ((size_t) length + 9, state.getSize()) };
+    }
+
+    StateBlock::Values valuesIn (Format format, juce::AudioPluginInstance& plugin)
+    {
+        juce::MemoryBlock hostState;
+        plugin.getStateInformation (hostState);
+        const auto inner = pluginState (format, hostState);
+        const auto restored = StateBlock::read (inner.getData(), (int) inner.getSize());
+        StateBlock::Values values {};
+        values.fill (std::numeric_limits<float>::quiet_NaN());
+
+        if (restored)
+            for (size_t i = 0; i < values.size(); ++i)
+                values[i] = (*restored)[i].value_or (values[i]);
+
+        return values;
+    }
+
+    void restore (Format format, juce::AudioPluginInstance& plugin, const juce::MemoryBlock& block)
+    {
+        juce::MemoryBlock hostState;
+        plugin.getStateInformation (hostState);
+        const auto state = withPluginState (format, hostState, block);
+        plugin.setStateInformation (state.getData(), (int) state.getSize());
+        processSilence (plugin);
+    }
+
+    class FormatHost : public testing::TestWithParam<Format> {};
+}
+
+TEST_P (FormatHost, ParametersShowPlainTextsAndMapOverTheEditorRanges)
+{
+    auto plugin = load (GetParam());
+    ASSERT_NE (nullptr, plugin);
+    const auto& parameters = plugin->getParameters();
+    const auto hostBypass = GetParam() == Format::lv2 ? 1 : 0;
+    ASSERT_EQ (ParameterTable::numParameters + hostBypass, parameters.size());
+
+    if (GetParam() == Format::vst3)
+    {
+        EXPECT_EQ (juce::String ("150.0 Hz"), parameters[ParameterTable::lowFreqIndex]->getCurrentValueAsText());
+        EXPECT_EQ (juce::String ("-0.50 dB"), parameters[ParameterTable::trimIndex]->getText (11.0f / 24.0f, 64));
+    }
+
+    for (size_t i = 0; i < ParameterTable::entries.size(); ++i)
+    {
+        const auto& expected = ParameterTable::entry (i);
+        auto* parameter = parameterFor (GetParam(), *plugin, i);
+        ASSERT_NE (nullptr, parameter);
+        SCOPED_TRACE (expected.id.data());
+        EXPECT_EQ (toString (expected.name), parameter->getName (64));
+        EXPECT_TRUE (parameter->isAutomatable());
+
+        if (expected.isSwitch)
+        {
+            // Hosts draw toggles for these.
+            EXPECT_TRUE (parameter->isDiscrete());
+            EXPECT_EQ (2, parameter->getNumSteps());
+            continue;
+        }
+
+        // The host's 0..1 follows the editor's range and skew and reaches the state as the
+        // plain value. VST3 also shows and reads texts in plain units; LV2 has no text channel.
+        const auto span = expected.maximum - expected.minimum;
+        for (auto plain : { expected.minimum, expected.defaultValue, expected.minimum + 0.3f * span, expected.maximum })
+        {
+            const auto normalised = std::pow ((plain - expected.minimum) / span, expected.skew);
+
+            if (GetParam() == Format::vst3)
+            {
+                const auto text = juce::String (plain) + " " + toString (expected.unit);
+                EXPECT_NEAR (normalised, parameter->getValueForText (text), 1e-5f) << text;
+                EXPECT_EQ (juce::String (plain, expected.decimals) + " " + toString (expected.unit),
+                           parameter->getText (normalised, 64));
+            }
+
+            parameter->setValueNotifyingHost (normalised);
+            processSilence (*plugin);
+            EXPECT_NEAR (plain, valuesIn (GetParam(), *plugin)[i], 1e-4f * span) << plain;
+        }
+    }
+}
+
+TEST_P (FormatHost, LinearPhaseReportsItsLatencyAndTheStateCrossesFormats)
+{
+    auto plugin = load (GetParam());
+    ASSERT_NE (nullptr, plugin);
+
+    auto* linearPhase = parameterFor (GetParam(), *plugin, ParameterTable::linPhaseIndex);
+    ASSERT_NE (nullptr, linearPhase);
+    linearPhase->setValueNotifyingHost (1.0f);
+    processSilence (*plugin, 2);
+    EXPECT_EQ (3249, plugin->getLatencySamples());
+    linearPhase->setValueNotifyingHost (0.0f);
+    processSilence (*plugin, 2);
+    EXPECT_EQ (0, plugin->getLatencySamples());
+
+    // The VST2 build's chunk goes in unchanged, comes back byte for byte, and the VST2 build
+    // reads what this format saved.
+    vst2host::Instance vst2;
+    const auto written = StateBlock::write (savedValues);
+    vst2.setChunk (std::vector<char> ((const char*) written.getData(), (const char*) written.getData() + written.getSize()));
+    const auto chunk = toBlock (vst2.getChunk());
+    ASSERT_EQ (written, chunk);
+
+    restore (GetParam(), *plugin, chunk);
+    juce::MemoryBlock hostState;
+    plugin->getStateInformation (hostState);
+    const auto saved = leadingStateBlock (pluginState (GetParam(), hostState));
+    EXPECT_EQ (chunk, saved);
+    EXPECT_EQ (3249, plugin->getLatencySamples());
+
+    vst2host::Instance reloaded;
+    reloaded.setChunk (std::vector<char> ((const char*) saved.getData(), (const char*) saved.getData() + saved.getSize()));
+    EXPECT_EQ (toBlock (reloaded.getChunk()), chunk);
+}
+
+TEST_P (FormatHost, AudioEqualsTheVst2Build)
+{
+    auto plugin = load (GetParam());
+    ASSERT_NE (nullptr, plugin);
+
+    // The same order in both: prepared with the defaults, the state, one silent block.
+    vst2host::Instance vst2;
+    vst2.start ((float) sampleRate, blockSize);
+    const auto state = StateBlock::write (savedValues);
+    vst2.setChunk (std::vector<char> ((const char*) state.getData(), (const char*) state.getData() + state.getSize()));
+    std::vector<float> left (blockSize), right (blockSize);
+    vst2.process (left, right, 0, blockSize);
+    restore (GetParam(), *plugin, state);
+
+    // Then the same noise through both, well past the tilt's linear-phase latency.
+    const auto input = quenda_test::makeNoise (2, 40 * blockSize, 3);
+    juce::MidiBuffer midi;
+    float worst = 0.0f;
+
+    for (int start = 0; start < input.getNumSamples(); start += blockSize)
+    {
+        juce::AudioBuffer<float> block (2, blockSize);
+        for (int channel = 0; channel < 2; ++channel)
+            block.copyFrom (channel, 0, input, channel, start, blockSize);
+
+        left.assign (input.getReadPointer (0, start), input.getReadPointer (0, start) + blockSize);
+        right.assign (input.getReadPointer (1, start), input.getReadPointer (1, start) + blockSize);
+        vst2.process (left, right, 0, blockSize);
+        plugin->processBlock (block, midi);
+
+        for (int i = 0; i < blockSize; ++i)
+            worst = std::max ({ worst, std::abs (block.getSample (0, i) - left[(size_t) i]),
+                                std::abs (block.getSample (1, i) - right[(size_t) i]) });
+    }
+
+    EXPECT_EQ (0.0f, worst);
+    EXPECT_GT (input.getMagnitude (0, input.getNumSamples()), 0.1f);
+}
+
+TEST (FormatHostVst3, BypassIsTheHostsOwn)
+{
+    auto plugin = load (Format::vst3);
+    ASSERT_NE (nullptr, plugin);
+    EXPECT_EQ (plugin->getParameters()[ParameterTable::bypassIndex], plugin->getBypassParameter());
+}
+
+INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2), formatName);
