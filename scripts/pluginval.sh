@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Validates every plug-in format a build made with pluginval at strictness 10, the way a
+# strict host would load it: many sample rates and block sizes, a random test order from a
+# fixed seed, editor tests under Xvfb.
+#
+#   bash scripts/pluginval.sh BUILD_DIR
+#
+# Exit status: 0 all formats pass, 1 a failure, 77 skipped (no pluginval sources: a checkout
+# outside CI, where ../shared is absent). PLUGINVAL_OUTPUT_DIR keeps the logs (default
+# BUILD_DIR/pluginval-logs). PLUGINVAL_REPEAT overrides the repeat count for local runs.
+set -uo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:?usage: pluginval.sh BUILD_DIR}" && pwd)
+builder=$repo/../shared/tools/pluginval/build.sh
+skip=77
+
+if [ ! -f "$builder" ]; then
+    echo "pluginval: skipped: $builder is absent (the shared tools come with the CI workplace)"
+    exit $skip
+fi
+
+if ! command -v xvfb-run > /dev/null; then
+    echo "pluginval: xvfb-run is missing; run scripts/setup.sh" >&2
+    exit 1
+fi
+
+# Cached after the first build (about 5 minutes on 2 cores).
+pluginval=$(bash "$builder") || { echo "pluginval: could not build pluginval" >&2; exit 1; }
+
+plugins=()
+for pattern in "VST/Quenda.so" "VST3/Quenda.vst3" "LV2/Quenda.lv2"; do
+    for candidate in "$build"/Quenda_artefacts/*/$pattern; do
+        [ -e "$candidate" ] && plugins+=("$candidate")
+    done
+done
+
+if [ ${#plugins[@]} -eq 0 ]; then
+    echo "pluginval: no plug-in under $build/Quenda_artefacts; build Quenda's formats first" >&2
+    exit 1
+fi
+
+logs=${PLUGINVAL_OUTPUT_DIR:-$build/pluginval-logs}
+mkdir -p "$logs"
+
+# tests/pluginval/disabled-FORMAT.txt may switch a test off for one format, one name per line,
+# each with a comment line above it saying why.
+disabled_list_for () {
+    local list=$repo/tests/pluginval/disabled-$1.txt
+    [ -f "$list" ] && grep -v '^#' "$list" | grep -v '^$' | paste -sd, -
+}
+
+status=0
+for plugin in "${plugins[@]}"; do
+    format=$(basename "$(dirname "$plugin")")
+    log=$logs/$format.log
+    args=(--strictness-level 10 --validate-in-process
+          --sample-rates 8000,22050,44100,48000,96000,192000,384000
+          --block-sizes 1,17,64,333,1024,8192
+          --repeat "${PLUGINVAL_REPEAT:-3}" --randomise --random-seed 0x5175656e
+          --timeout-ms 300000)
+
+    disabled=$(disabled_list_for "$format" || true)
+    [ -n "$disabled" ] && args+=(--disabled-tests "$disabled")
+
+    # JUCE finds LV2 plug-ins by URI, in the bundles on LV2_PATH.
+    target=$plugin
+    if [ "$format" = LV2 ]; then
+        target=$(grep -B3 "lv2:Plugin" "$plugin/manifest.ttl" | grep -o '<[^>]*:[^>]*>' | head -n 1 | tr -d '<>')
+        export LV2_PATH=$(dirname "$plugin")
+    fi
+
+    echo "pluginval: $format: $target"
+    start=$(date +%s)
+    xvfb-run -a -s "-screen 0 1280x1024x24" "$pluginval" "${args[@]}" --validate "$target" > "$log" 2>&1
+    result=$?
+    seconds=$(( $(date +%s) - start ))
+
+    if [ $result -eq 0 ] && grep -q "SUCCESS" "$log"; then
+        echo "pluginval: $format: passed in ${seconds} s (log: $log)"
+    else
+        echo "pluginval: $format: FAILED (status $result) after ${seconds} s; failures:"
+        grep -n -i -B2 -A8 "fail\|!!!" "$log" | head -n 200
+        echo "pluginval: full log: $log"
+        status=1
+    fi
+done
+
+exit $status
