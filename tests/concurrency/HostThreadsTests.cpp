@@ -162,7 +162,7 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
         first.handleUpdateNowIfNeeded();
         second.handleUpdateNowIfNeeded();
 
-        if (restores % 20 == 0)
+        if (restores % 3 == 0)
         {
             (settings.nextBool() ? firstAudio : secondAudio).reconfigure (settings);
             ++reconfigurations;
