@@ -33,6 +33,14 @@ function (quenda_instrument_own_sources_for_tsan target)
     endif()
 endfunction()
 
+if (QUENDA_FUZZ)
+    if (NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message (FATAL_ERROR "QUENDA_FUZZ needs clang: configure with -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++")
+    endif()
+    # Coverage feedback from everything the fuzz targets reach, JUCE's readers included.
+    add_compile_options (-fsanitize=fuzzer-no-link)
+endif()
+
 # JUCE's FLAC reader shifts negative samples left, which is well defined on every compiler we
 # use but flagged by UBSan; keep the check for our own code.
 function (quenda_relax_sanitizers_for_juce_sources)
