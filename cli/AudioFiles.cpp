@@ -183,6 +183,55 @@ namespace
              + juce::String ((juce::int64) info.st_mtim.tv_nsec);
     }
 
+    /** JUCE's WAV reader allocates what a chunk header claims before it reads the chunk, so
+        a damaged or hostile header could make it ask for gigabytes. Empty when the chunks
+        fit in the file (or it is no RIFF/AIFF file); an audio chunk may run past the end,
+        which reading reports as truncation. */
+    juce::String checkChunkSizes (juce::InputStream& in)
+    {
+        const auto total = in.getTotalLength();
+        char kind[4] {};
+
+        if (! in.setPosition (0) || in.read (kind, 4) != 4)
+            return {};
+
+        const auto is = [] (const char* a, const char* b) { return std::memcmp (a, b, 4) == 0; };
+        const auto isRiff = is (kind, "RIFF") || is (kind, "RIFX") || is (kind, "RF64");
+        const auto bigEndian = is (kind, "FORM") || is (kind, "RIFX");
+
+        if (! isRiff && ! is (kind, "FORM"))
+            return {};
+
+        in.setPosition (12);
+
+        while (in.getPosition() + 8 <= total)
+        {
+            char id[4] {};
+            in.read (id, 4);
+            const auto size = (juce::int64) (juce::uint32) (bigEndian ? in.readIntBigEndian() : in.readInt());
+            const auto start = in.getPosition();
+            const auto isAudio = is (id, "data") || is (id, "SSND");
+
+            if (size > total - start)
+            {
+                // RF64 keeps its real sizes in the ds64 chunk and writes 0xffffffff here.
+                if (isAudio || (is (kind, "RF64") && size == 0xffffffff))
+                    return {};
+
+                juce::String name;
+                for (auto c : id)
+                    name << (c >= 32 && c < 127 ? c : '?');
+
+                return "damaged header: its '" + name + "' chunk claims " + juce::String (size)
+                       + " bytes, more than the file holds";
+            }
+
+            in.setPosition (start + size + (size & 1));
+        }
+
+        return {};
+    }
+
     std::vector<std::unique_ptr<juce::AudioFormat>> inputFormatsFor (const juce::File& file)
     {
         std::vector<std::unique_ptr<juce::AudioFormat>> formats;
@@ -212,6 +261,9 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (stream->failedToOpen())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
 
+    if (const auto problem = checkChunkSizes (*stream); problem.isNotEmpty())
+        throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
+
     auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
 
     for (auto& format : inputFormatsFor (file))
@@ -236,6 +288,12 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (! (reader->sampleRate >= 8000.0 && reader->sampleRate < 384000.0))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
                                               + juce::String (reader->sampleRate) + " Hz (8000 to 383999 Hz)");
+
+    // Frames of absurd size make JUCE's WAV and AIFF readers loop without end.
+    if (! isFlac() && reader->bitsPerSample != 8 && reader->bitsPerSample != 16
+                   && reader->bitsPerSample != 24 && reader->bitsPerSample != 32)
+        throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample format ("
+                                              + juce::String (reader->bitsPerSample) + " bits)");
 
     if (reader->lengthInSamples < 0)
         throw CliError (ExitCode::badFormat, quoted (file) + ": damaged header (negative length)");
