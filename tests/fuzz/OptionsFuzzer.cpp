@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 namespace
 {
@@ -33,7 +34,13 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
 {
     const auto& known = parameters();
-    const auto text = juce::String::fromUTF8 (reinterpret_cast<const char*> (data), (int) size);
+    const auto* bytes = reinterpret_cast<const char*> (data);
+
+    // main() refuses arguments that are not UTF-8 before they reach the parser.
+    if (std::memchr (bytes, 0, size) != nullptr || ! juce::CharPointer_UTF8::isValidString (bytes, (int) size))
+        return 0;
+
+    const auto text = juce::String::fromUTF8 (bytes, (int) size);
     juce::StringArray args;
     args.addTokens (text, "\n", {});
 
