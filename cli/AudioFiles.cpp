@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -43,6 +44,69 @@ public:
 
 private:
     std::unique_ptr<juce::InputStream> stream;
+};
+
+/** A write the system cut short sets no error code; the size limit is the usual cause. */
+static juce::String explainShortWrite (juce::int64 sizeWanted)
+{
+    struct rlimit limit {};
+
+    if (::getrlimit (RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+        && sizeWanted >= (juce::int64) limit.rlim_cur)
+        return "File too large: the file size limit (ulimit -f) is " + juce::String ((juce::int64) limit.rlim_cur) + " bytes";
+
+    return "the system took only part of the data (disk full?)";
+}
+
+/** The file stream a format writer owns and deletes when it finishes. Keeps the first write
+    error and how far the file should reach, so a failure while the writer completes the file
+    (its header, FLAC's last frames) or a write the system cut short is not lost. */
+struct WriteOutcome
+{
+    juce::String error;
+    juce::int64 expectedSize = 0;
+};
+
+class CheckedOutputStream : public juce::OutputStream
+{
+public:
+    CheckedOutputStream (std::unique_ptr<juce::FileOutputStream> target, std::shared_ptr<WriteOutcome> outcomeToFill)
+        : stream (std::move (target)), outcome (std::move (outcomeToFill)) {}
+
+    ~CheckedOutputStream() override                 { flush(); }
+
+    void flush() override
+    {
+        stream->flush();
+        note (true);
+    }
+
+    bool setPosition (juce::int64 position) override { return note (stream->setPosition (position)); }
+    juce::int64 getPosition() override              { return stream->getPosition(); }
+
+    bool write (const void* data, size_t numBytes) override
+    {
+        const auto ok = note (stream->write (data, numBytes));
+        outcome->expectedSize = std::max (outcome->expectedSize, stream->getPosition());
+        return ok;
+    }
+
+private:
+    bool note (bool ok)
+    {
+        if (outcome->error.isEmpty())
+        {
+            if (stream->getStatus().failed())
+                outcome->error = stream->getStatus().getErrorMessage();
+            else if (! ok)
+                outcome->error = explainShortWrite (outcome->expectedSize);
+        }
+
+        return ok;
+    }
+
+    std::unique_ptr<juce::FileOutputStream> stream;
+    std::shared_ptr<WriteOutcome> outcome;
 };
 
 namespace
@@ -107,6 +171,67 @@ namespace
         return {};
     }
 
+    juce::String identityOf (const juce::File& file)
+    {
+        struct stat info {};
+
+        if (::stat (file.getFullPathName().toRawUTF8(), &info) != 0)
+            return {};
+
+        return juce::String ((juce::int64) info.st_dev) + ":" + juce::String ((juce::int64) info.st_ino) + ":"
+             + juce::String ((juce::int64) info.st_size) + ":" + juce::String ((juce::int64) info.st_mtim.tv_sec) + "."
+             + juce::String ((juce::int64) info.st_mtim.tv_nsec);
+    }
+
+    /** JUCE's WAV reader allocates what a chunk header claims before it reads the chunk, so
+        a damaged or hostile header could make it ask for gigabytes. Empty when the chunks
+        fit in the file (or it is no RIFF/AIFF file); an audio chunk may run past the end,
+        which reading reports as truncation. */
+    juce::String checkChunkSizes (juce::InputStream& in)
+    {
+        const auto total = in.getTotalLength();
+        char kind[4] {};
+
+        if (! in.setPosition (0) || in.read (kind, 4) != 4)
+            return {};
+
+        const auto is = [] (const char* a, const char* b) { return std::memcmp (a, b, 4) == 0; };
+        const auto isRiff = is (kind, "RIFF") || is (kind, "RIFX") || is (kind, "RF64");
+        const auto bigEndian = is (kind, "FORM") || is (kind, "RIFX");
+
+        if (! isRiff && ! is (kind, "FORM"))
+            return {};
+
+        in.setPosition (12);
+
+        while (in.getPosition() + 8 <= total)
+        {
+            char id[4] {};
+            in.read (id, 4);
+            const auto size = (juce::int64) (juce::uint32) (bigEndian ? in.readIntBigEndian() : in.readInt());
+            const auto start = in.getPosition();
+            const auto isAudio = is (id, "data") || is (id, "SSND");
+
+            if (size > total - start)
+            {
+                // RF64 keeps its real sizes in the ds64 chunk and writes 0xffffffff here.
+                if (isAudio || (is (kind, "RF64") && size == 0xffffffff))
+                    return {};
+
+                juce::String name;
+                for (auto c : id)
+                    name << (c >= 32 && c < 127 ? c : '?');
+
+                return "damaged header: its '" + name + "' chunk claims " + juce::String (size)
+                       + " bytes, more than the file holds";
+            }
+
+            in.setPosition (start + size + (size & 1));
+        }
+
+        return {};
+    }
+
     std::vector<std::unique_ptr<juce::AudioFormat>> inputFormatsFor (const juce::File& file)
     {
         std::vector<std::unique_ptr<juce::AudioFormat>> formats;
@@ -130,10 +255,14 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (file.isDirectory())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + " is a folder, not an audio file");
 
+    identity = identityOf (file);
     auto stream = std::make_unique<juce::FileInputStream> (file);
 
     if (stream->failedToOpen())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
+
+    if (const auto problem = checkChunkSizes (*stream); problem.isNotEmpty())
+        throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
     auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
 
@@ -159,6 +288,12 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (! (reader->sampleRate >= 8000.0 && reader->sampleRate < 384000.0))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
                                               + juce::String (reader->sampleRate) + " Hz (8000 to 383999 Hz)");
+
+    // Frames of absurd size make JUCE's WAV and AIFF readers loop without end.
+    if (! isFlac() && reader->bitsPerSample != 8 && reader->bitsPerSample != 16
+                   && reader->bitsPerSample != 24 && reader->bitsPerSample != 32)
+        throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample format ("
+                                              + juce::String (reader->bitsPerSample) + " bits)");
 
     if (reader->lengthInSamples < 0)
         throw CliError (ExitCode::badFormat, quoted (file) + ": damaged header (negative length)");
@@ -186,6 +321,12 @@ void InputAudio::read (juce::AudioBuffer<float>& block, juce::int64 position, in
     // libFLAC reads ahead in large chunks, so a short read is normal there.
     if (watch->shortRead && ! isFlac())
         throw CliError (ExitCode::badFormat, quoted (file) + " is truncated: its audio data ends before the length its header gives");
+}
+
+void InputAudio::checkUnchanged() const
+{
+    if (identityOf (file) != identity)
+        throw CliError (ExitCode::inputUnreadable, quoted (file) + " changed while it was being read; nothing was written");
 }
 
 //==============================================================================
@@ -348,13 +489,16 @@ OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth
 }
 
 //==============================================================================
-AudioFileWriter::AudioFileWriter (const juce::File& fileToWrite, const OutputFormat& format, double sampleRate, int numChannels)
-    : file (fileToWrite), bitDepth (format.bitDepth)
+AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
+    : file (target.temporary()), destination (target.destination()), bitDepth (format.bitDepth),
+      outcome (std::make_shared<WriteOutcome>())
 {
-    auto stream = std::make_unique<juce::FileOutputStream> (file);
+    auto fileStream = std::make_unique<juce::FileOutputStream> (file);
 
-    if (stream->failedToOpen() || ! stream->setPosition (0) || ! stream->truncate().wasOk())
-        throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (file) + ": " + stream->getStatus().getErrorMessage());
+    if (fileStream->failedToOpen() || ! fileStream->setPosition (0) || ! fileStream->truncate().wasOk())
+        throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (destination) + ": " + fileStream->getStatus().getErrorMessage());
+
+    auto stream = std::make_unique<CheckedOutputStream> (std::move (fileStream), outcome);
 
     // FLAC's quality option 5 is libFLAC's default compression level.
     const auto quality = format.format->getQualityOptions().size() > 5 ? 5 : 0;
@@ -378,7 +522,7 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
     for (int channel = 0; channel < numChannels; ++channel)
     {
         const auto* source = block.getReadPointer (channel, start);
-        auto* destination = scratch.getWritePointer (channel);
+        auto* copy = scratch.getWritePointer (channel);
 
         for (int i = 0; i < numSamples; ++i)
         {
@@ -389,7 +533,7 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
             if (magnitude > 1.0f)
                 ++clipped;
 
-            destination[i] = sample;
+            copy[i] = sample;
         }
     }
 
@@ -412,12 +556,23 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
         }
     }
 
-    if (! writer->writeFromAudioSampleBuffer (scratch, 0, numSamples))
-        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (file) + " failed (disk full?)");
+    if (! writer->writeFromAudioSampleBuffer (scratch, 0, numSamples) || outcome->error.isNotEmpty())
+        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
+                                                     + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
 }
 
 void AudioFileWriter::close()
 {
+    // The writer completes the file as it is deleted; its stream reports what went wrong.
     writer.reset();
+
+    if (outcome->error.isEmpty() && ! file.existsAsFile())
+        outcome->error = "its temporary file " + quoted (file) + " was removed during the render (folder deleted?)";
+
+    if (outcome->error.isEmpty() && file.getSize() < outcome->expectedSize)
+        outcome->error = explainShortWrite (outcome->expectedSize);
+
+    if (outcome->error.isNotEmpty())
+        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: " + outcome->error);
 }
 }

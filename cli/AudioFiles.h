@@ -8,6 +8,7 @@
 namespace quenda::cli
 {
     class ShortReadWatch;
+    struct WriteOutcome;
 
     /** An opened, checked input: WAV, AIFF or FLAC, one or two channels. */
     class InputAudio
@@ -21,6 +22,10 @@ namespace quenda::cli
         /** Fills the block's first numSamples samples; throws CliError if the file ends early. */
         void read (juce::AudioBuffer<float>& block, juce::int64 position, int numSamples);
 
+        /** Throws CliError (inputUnreadable) if the file was replaced, rewritten or resized
+            since it was opened: what was read may mix two versions. */
+        void checkUnchanged() const;
+
         const juce::File file;
         int numChannels() const                 { return (int) reader->numChannels; }
         double sampleRate() const               { return reader->sampleRate; }
@@ -31,6 +36,7 @@ namespace quenda::cli
         bool isFlac() const                     { return formatName().containsIgnoreCase ("flac"); }
 
     private:
+        juce::String identity;                  // device, inode, size and modification time when opened
         ShortReadWatch* watch = nullptr;        // owned by the reader
         std::unique_ptr<juce::AudioFormatReader> reader;
     };
@@ -78,21 +84,23 @@ namespace quenda::cli
     class AudioFileWriter
     {
     public:
-        /** Throws CliError (outputUnwritable). */
-        AudioFileWriter (const juce::File& file, const OutputFormat& format, double sampleRate, int numChannels);
+        /** Writes the pending file's temporary; messages name its destination. Throws CliError (outputUnwritable). */
+        AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels);
         ~AudioFileWriter();
 
         void write (const juce::AudioBuffer<float>& block, int start, int numSamples);
 
-        /** Writes the header; call before committing the file. */
+        /** Completes the file; call before committing it. Throws CliError (outputUnwritable)
+            if any write failed or came up short. */
         void close();
 
         float peak() const noexcept             { return peakLevel; }
         juce::int64 clippedSamples() const noexcept { return clipped; }
 
     private:
-        const juce::File file;
+        const juce::File file, destination;
         const int bitDepth;
+        std::shared_ptr<WriteOutcome> outcome;
         std::unique_ptr<juce::AudioFormatWriter> writer;
         juce::AudioBuffer<float> scratch;
         juce::Random ditherNoise { 0x5175656e };

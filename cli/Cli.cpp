@@ -125,7 +125,7 @@ namespace
             detail ("output:   " + outputFile.getFullPathName() + ": " + describeFormat (format)
                     + (format.bitDepth == 16 ? " with TPDF dither" : ""));
 
-            AudioFileWriter writer (pending.temporary(), format, sampleRate, input.numChannels());
+            AudioFileWriter writer (pending, format, sampleRate, input.numChannels());
             ProgressBar bar (err, ! options.quiet && seconds > 1.0 && stderrIsTerminal(), sampleRate);
 
             renderer.run (input.length(),
@@ -135,6 +135,7 @@ namespace
 
             bar.finish();
             writer.close();
+            input.checkUnchanged();
             pending.commit();
 
             juce::String summary;
@@ -157,7 +158,7 @@ namespace
             format.format = std::make_unique<juce::WavAudioFormat>();
             format.bitDepth = 24;
 
-            AudioFileWriter writer (pending.temporary(), format, sampleRate, audio.getNumChannels());
+            AudioFileWriter writer (pending, format, sampleRate, audio.getNumChannels());
             writer.write (audio, 0, audio.getNumSamples());
             writer.close();
             pending.commit();

@@ -12,11 +12,11 @@ namespace quenda::cli
         ok = 0,
         internalError = 1,
         badUsage = 2,           // unknown option, bad or missing value
-        inputUnreadable = 3,    // input or preset missing, a folder, or not readable
+        inputUnreadable = 3,    // input or preset missing, a folder, not readable, or changed while read
         badFormat = 4,          // not WAV/AIFF/FLAC, corrupt, truncated, or unsupported layout
-        outputUnwritable = 5,   // folder missing or read-only, disk full, output is the input
+        outputUnwritable = 5,   // folder missing or read-only, disk full, file size limit, output is the input
         outputExists = 6,       // refused to replace an existing file without --overwrite
-        interrupted = 130       // SIGINT/SIGTERM; the shell's 128 + signal number
+        interrupted = 130       // SIGINT; the process ends by the signal itself, so SIGTERM gives 143
     };
 
     /** A failure with a one-line message for the user and the exit status it maps to. */

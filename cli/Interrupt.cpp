@@ -19,11 +19,21 @@ namespace
 
     static_assert (std::atomic<bool>::is_always_lock_free);
 
+    void say (const char* text)
+    {
+        [[maybe_unused]] const auto written = ::write (STDERR_FILENO, text, std::strlen (text));
+    }
+
     extern "C" void removeTrackedFilesAndRaise (int signalNumber)
     {
         for (int i = 0; i < maxTracked; ++i)
             if (slotInUse[i].load())
                 ::unlink (trackedPaths[i]);
+
+        // Only async-signal-safe calls here: fixed texts through write().
+        say (signalNumber == SIGINT ? "quenda-render: interrupted (SIGINT); no partial output left\n"
+           : signalNumber == SIGTERM ? "quenda-render: terminated (SIGTERM); no partial output left\n"
+                                     : "quenda-render: hung up (SIGHUP); no partial output left\n");
 
         std::signal (signalNumber, SIG_DFL);
         std::raise (signalNumber);
@@ -37,7 +47,18 @@ void installHandlers()
     sigemptyset (&action.sa_mask);
 
     for (auto signalNumber : { SIGINT, SIGTERM, SIGHUP })
-        sigaction (signalNumber, &action, nullptr);
+    {
+        // A signal ignored by whoever started us (nohup, a background job) stays ignored.
+        struct sigaction previous {};
+        sigaction (signalNumber, nullptr, &previous);
+
+        if (previous.sa_handler != SIG_IGN)
+            sigaction (signalNumber, &action, nullptr);
+    }
+
+    // Past a file size limit the write fails with EFBIG and the render stops with an error
+    // and removes its file, instead of the process being killed with the file half-written.
+    std::signal (SIGXFSZ, SIG_IGN);
 }
 
 bool track (const juce::File& file)

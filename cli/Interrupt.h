@@ -6,7 +6,9 @@
 /** Removes half-written files when the renderer is interrupted.
 
     A file registered here is deleted from the signal handler on SIGINT, SIGTERM or SIGHUP,
-    before the signal is raised again with its default action.
+    before the signal is raised again with its default action (so the exit status is the
+    shell's 128 + signal number: 130, 143, 129). SIGXFSZ is ignored, so that a file size
+    limit becomes a write error.
 */
 namespace quenda::cli::interrupt
 {

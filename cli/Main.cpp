@@ -2,10 +2,12 @@
 // quenda-render: runs audio files through the same processor the plug-in uses.
 
 #include "Cli.h"
+#include "CliError.h"
 #include "Interrupt.h"
 
 #include <juce_events/juce_events.h>
 
+#include <cstring>
 #include <iostream>
 
 int main (int argc, char* argv[])
@@ -13,6 +15,16 @@ int main (int argc, char* argv[])
     // The processor posts its kernel design to the message thread; this makes main it.
     juce::ScopedJuceInitialiser_GUI juceInitialiser;
     quenda::cli::interrupt::installHandlers();
+
+    // JUCE's string functions assume UTF-8 and run past the end of anything else.
+    for (int i = 1; i < argc; ++i)
+    {
+        if (! juce::CharPointer_UTF8::isValidString (argv[i], (int) std::strlen (argv[i])))
+        {
+            std::cerr << "quenda-render: argument " << i << " is not valid UTF-8; rename the file or use a UTF-8 locale\n";
+            return (int) quenda::cli::ExitCode::badUsage;
+        }
+    }
 
     return quenda::cli::runCommandLine (juce::StringArray (argv + 1, argc - 1), std::cout, std::cerr);
 }

@@ -66,7 +66,13 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
         return {};
 
     const auto textLength = juce::jmin (sizeInBytes - 8, (int) storedLength);
-    const auto text = juce::String::fromUTF8 (reinterpret_cast<const char*> (bytes + 8), textLength);
+    const auto* utf8 = reinterpret_cast<const char*> (bytes + 8);
+
+    // We only ever write valid UTF-8; JUCE's XML parser reads past the end of malformed text.
+    if (! juce::CharPointer_UTF8::isValidString (utf8, textLength))
+        return {};
+
+    const auto text = juce::String::fromUTF8 (utf8, textLength);
     const auto element = juce::parseXML (text);
 
     if (element == nullptr || ! element->getTagName().equalsIgnoreCase ("Params"))

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: a plain Release build, then the same tests under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then the Windows build under Wine.
+# Sets up, builds and runs every test: a plain Release build with warnings as errors (with
+# pluginval on every plug-in format, skipped where the shared tools are absent, and the
+# renderer's fault cases), the same tests built by clang under AddressSanitizer and
+# UndefinedBehaviorSanitizer together with short fuzz runs, the concurrency test under
+# ThreadSanitizer, then the Windows build and its host-level tests under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,10 +12,15 @@ bash scripts/setup.sh
 bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON
 ctest --test-dir build --output-on-failure --timeout 600
 
-bash scripts/build.sh build-sanitize -DQUENDA_SANITIZE=ON -DQUENDA_BUILD_BENCH=OFF -DQUENDA_WARNINGS_AS_ERRORS=ON \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# clang, so that the same build also makes the libFuzzer targets (scripts/fuzz.sh runs them long).
+bash scripts/build.sh build-sanitize -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DQUENDA_SANITIZE=ON -DQUENDA_FUZZ=ON -DQUENDA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-sanitize --output-on-failure --timeout 900
+
+# Release, like the first build: JUCE's objects are shared through the compiler cache.
+bash scripts/build.sh build-tsan -DQUENDA_TSAN=ON -DQUENDA_BUILD_BENCH=OFF -- quenda_concurrency_tests
+QUENDA_STRESS_SECONDS=20 ctest --test-dir build-tsan --output-on-failure --timeout 600
 
 # Quenda.dll for Windows, cross-built with MinGW-w64, and its host-level tests under Wine.
 bash scripts/test-windows.sh build-windows

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Runs the fuzz targets for a long time, one after the other, niced, and prints how many
+# inputs each tried. New inputs that reach new code go to each target's working corpus in
+# the build folder; a crash, leak, timeout or sanitizer report leaves its input next to it
+# and stops the run with a failure.
+#
+#   bash scripts/fuzz.sh [SECONDS_PER_TARGET] [TARGET...]     # default: 3600 s, all five
+#
+# Targets: quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:-3600}
+[ $# -gt 0 ] && shift
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac)
+
+# The same configuration as the sanitizer stage of scripts/test.sh, so the two share a build.
+build=build-sanitize
+bash scripts/build.sh "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DQUENDA_SANITIZE=ON -DQUENDA_FUZZ=ON -DQUENDA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -- "${targets[@]}"
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+
+for target in "${targets[@]}"; do
+    folder=$build/tests/fuzz
+    seeds=tests/fuzz/corpus/${target#quenda_fuzz_}
+    log=$folder/$target.log
+    mkdir -p "$folder/$target-corpus"
+    echo "fuzz: $target for $seconds s (log: $log)"
+
+    if ! nice -n 10 "$folder/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+            -print_final_stats=1 -artifact_prefix="$folder/$target-" "$folder/$target-corpus" "$seeds" > "$log" 2>&1; then
+        echo "fuzz: $target FOUND A PROBLEM:"
+        grep -A30 "ERROR\|==[0-9]*==\|deadly signal\|runtime error" "$log" | head -n 60
+        exit 1
+    fi
+
+    grep -E "stat::number_of_executed_units|stat::peak_rss_mb|stat::new_units_added" "$log" | sed "s/^/fuzz: $target: /"
+done

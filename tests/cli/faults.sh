@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# The renderer on a bad day: a file size limit, its output folder removed, its input cut short
+# or replaced, SIGINT and SIGTERM in the middle of a render. Each case must end with its
+# documented exit status and message, leave no output or temporary file behind, and never
+# write to the input.
+#
+#   bash tests/cli/faults.sh PATH/TO/quenda-render
+set -uo pipefail
+
+render=${1:?usage: faults.sh PATH/TO/quenda-render}
+work=$(mktemp -d /tmp/quenda-faults.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+failures=0
+
+# 20 s of stereo noise at 48 kHz, 16-bit; rendered in 32-sample linear-phase blocks it takes
+# long enough for every fault to land mid-render.
+make_wav () {
+    python3 - "$1" "$2" <<'PY'
+import os, struct, sys, random
+path, seed = sys.argv[1], int(sys.argv[2])
+frames = 48000 * 20
+random.seed(seed)
+data = random.randbytes(frames * 4)
+header = b'RIFF' + struct.pack('<I', 36 + len(data)) + b'WAVEfmt ' + struct.pack('<IHHIIHH', 16, 1, 2, 48000, 48000 * 4, 4, 16)
+open(path, 'wb').write(header + b'data' + struct.pack('<I', len(data)) + data)
+PY
+}
+
+make_wav "$work/original.wav" 1
+make_wav "$work/other.wav" 2
+slow=(--lin-phase --tilt 0.5 --block-size 32 -q)
+
+# Waits until the render's temporary file (".out.wav.XXXXXX") holds data: writing is under way.
+wait_for_temp () {
+    for _ in $(seq 1 1000); do
+        for temp in "$1"/.out.wav.*; do
+            [ -s "$temp" ] && return 0
+        done
+        kill -0 "$2" 2> /dev/null || return 1
+        sleep 0.01
+    done
+    return 1
+}
+
+check () {
+    local name=$1 status=$2 expected_status=$3 pattern=$4 err=$5 input=$6 expected_input=$7 out_dir=$8
+    local problems=()
+
+    [ "$status" -eq "$expected_status" ] || problems+=("exit status $status, expected $expected_status")
+    grep -q -- "$pattern" "$err" || problems+=("message does not match '$pattern'")
+    [ -z "$(ls -A "$out_dir" 2> /dev/null)" ] || problems+=("left behind: $(ls -A "$out_dir" | tr '\n' ' ')")
+    cmp -s "$input" "$expected_input" || problems+=("the input file was changed by the renderer")
+
+    if [ ${#problems[@]} -eq 0 ]; then
+        echo "ok    $name"
+    else
+        echo "FAIL  $name: ${problems[*]}"
+        sed 's/^/      stderr: /' "$err"
+        failures=$((failures + 1))
+    fi
+}
+
+# name | expected status | message pattern | what happens during the render
+cases=(
+    "file size limit|5|writing '.*/out.wav' failed: File too large|ulimit"
+    "output folder removed|5|writing '.*/out.wav' failed: .* was removed during the render|remove-folder"
+    "input truncated|4|is truncated|truncate"
+    "input rewritten in place|3|changed while it was being read|rewrite"
+    "input replaced by rename|3|changed while it was being read|rename"
+    "SIGINT|130|interrupted (SIGINT)|SIGINT"
+    "SIGTERM|143|terminated (SIGTERM)|SIGTERM"
+)
+
+for entry in "${cases[@]}"; do
+    IFS='|' read -r name expected_status pattern action <<< "$entry"
+    dir=$work/case
+    rm -rf "$dir"
+    mkdir -p "$dir/out"
+    cp "$work/original.wav" "$dir/in.wav"
+    cp "$work/original.wav" "$dir/expected-input.wav"
+    err=$dir/stderr
+
+    if [ "$action" = ulimit ]; then
+        # 256 KiB: the limit is reached a second or so into the output.
+        (ulimit -f 256; exec "$render" "${slow[@]}" "$dir/in.wav" "$dir/out/out.wav") 2> "$err"
+        check "$name" $? "$expected_status" "$pattern" "$err" "$dir/in.wav" "$dir/expected-input.wav" "$dir/out"
+        continue
+    fi
+
+    # Signals start at their default action, as in an interactive shell, not ignored as in
+    # a background job of a script.
+    env --default-signal=INT,TERM "$render" "${slow[@]}" "$dir/in.wav" "$dir/out/out.wav" 2> "$err" &
+    pid=$!
+
+    if ! wait_for_temp "$dir/out" $pid; then
+        wait $pid
+        echo "FAIL  $name: the render ended (status $?) before the fault could be injected"
+        failures=$((failures + 1))
+        continue
+    fi
+
+    case $action in
+        remove-folder) rm -rf "$dir/out" ;;
+        truncate)      truncate -s 100000 "$dir/in.wav"; truncate -s 100000 "$dir/expected-input.wav" ;;
+        rewrite)       dd if="$work/other.wav" of="$dir/in.wav" conv=notrunc status=none; cp "$work/other.wav" "$dir/expected-input.wav" ;;
+        rename)        cp "$work/other.wav" "$dir/next.wav"; mv "$dir/next.wav" "$dir/in.wav"
+                       cp "$work/other.wav" "$dir/expected-input.wav" ;;
+        SIGINT)        kill -INT $pid ;;
+        SIGTERM)       kill -TERM $pid ;;
+    esac
+
+    wait $pid
+    check "$name" $? "$expected_status" "$pattern" "$err" "$dir/in.wav" "$dir/expected-input.wav" "$dir/out"
+done
+
+[ $failures -eq 0 ] && echo "all ${#cases[@]} fault cases passed" || echo "$failures of ${#cases[@]} fault cases failed"
+[ $failures -eq 0 ]

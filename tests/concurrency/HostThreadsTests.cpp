@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Two instances played the way a busy host plays them: an audio thread each, a thread that
+// automates parameters, and the message thread saving and restoring state, running the
+// editor's poll and the kernel computations. Built with ThreadSanitizer in CI; in a plain
+// build it still checks that the audio stays finite and nothing deadlocks.
+
+#include "editor/PluginEditor.h"
+#include "processor/PluginProcessor.h"
+
+#include <juce_events/juce_events.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+namespace
+{
+    using P = QuendaAudioProcessor;
+
+    double stressSeconds()
+    {
+        const auto* text = std::getenv ("QUENDA_STRESS_SECONDS");
+        return text != nullptr ? std::atof (text) : 3.0;
+    }
+
+    // Values inside the editor's ranges, where the output must stay finite at every rate used here.
+    float randomPlainValue (juce::Random& random, int index)
+    {
+        switch (index)
+        {
+            case P::tiltIndex:      return random.nextFloat() * 2.0f - 1.0f;
+            case P::bypassIndex:
+            case P::linPhaseIndex:  return random.nextBool() ? 1.0f : 0.0f;
+            case P::trimIndex:
+            case P::lowIndex:       return random.nextFloat() * 12.0f - 6.0f;
+            case P::highIndex:      return random.nextFloat() * 6.0f - 3.0f;
+            case P::lowFreqIndex:   return 20.0f + random.nextFloat() * 280.0f;
+            case P::highFreqIndex:  return 3000.0f + random.nextFloat() * 12000.0f;
+            default:                return 0.0f;
+        }
+    }
+
+    /** A host's audio callback. Like JUCE's AudioProcessorPlayer it holds the device lock
+        around each block, and the message thread takes the same lock to change the rate or
+        block size and call prepareToPlay. */
+    struct AudioThread
+    {
+        AudioThread (P& p, std::atomic<bool>& stop, juce::int64 seed) : processor (p), running (stop), random (seed) {}
+
+        void reconfigure (juce::Random& choice)
+        {
+            constexpr std::array<double, 3> rates { 44100.0, 48000.0, 96000.0 };
+            constexpr std::array<int, 4> blockSizes { 64, 256, 333, 1024 };
+            const auto rate = rates[(size_t) choice.nextInt ((int) rates.size())];
+            const auto blockSize = blockSizes[(size_t) choice.nextInt ((int) blockSizes.size())];
+
+            const std::lock_guard<std::mutex> stopped (deviceLock);
+            processor.setRateAndBufferSizeDetails (rate, blockSize);
+            processor.prepareToPlay (rate, blockSize);
+            maxBlock = blockSize;
+        }
+
+        void run()
+        {
+            juce::AudioBuffer<float> buffer (2, 1024);
+            juce::MidiBuffer midi;
+
+            while (running.load())
+            {
+                const std::lock_guard<std::mutex> playing (deviceLock);
+                const auto n = 1 + random.nextInt (maxBlock);
+                juce::AudioBuffer<float> view (buffer.getArrayOfWritePointers(), 2, 0, n);
+
+                for (int channel = 0; channel < 2; ++channel)
+                    for (int i = 0; i < n; ++i)
+                        view.setSample (channel, i, random.nextFloat() - 0.5f);
+
+                // Hosts also automate from the audio thread, just before the block.
+                if (random.nextInt (8) == 0)
+                {
+                    const auto index = random.nextInt (P::numParameters);
+                    processor.getParameters()[index]->setValue (randomPlainValue (random, index));
+                }
+
+                processor.processBlock (view, midi);
+
+                for (int channel = 0; channel < 2; ++channel)
+                    for (int i = 0; i < n; ++i)
+                        if (! std::isfinite (view.getSample (channel, i)))
+                            ++nonFiniteBlocks, i = n, channel = 2;
+
+                ++blocksPlayed;
+            }
+        }
+
+        P& processor;
+        std::atomic<bool>& running;
+        juce::Random random;
+        std::mutex deviceLock;
+        int maxBlock = 0;
+        int blocksPlayed = 0;
+        int nonFiniteBlocks = 0;
+    };
+}
+
+TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
+{
+    P first, second;
+    std::atomic<bool> running { true };
+
+    // The first instance's editor is open: its timer polls every parameter on this thread.
+    auto editor = std::unique_ptr<juce::AudioProcessorEditor> (first.createEditorIfNeeded());
+    ASSERT_NE (editor, nullptr);
+
+    AudioThread firstAudio (first, running, 1), secondAudio (second, running, 2);
+    juce::Random settings (4);
+    firstAudio.reconfigure (settings);
+    secondAudio.reconfigure (settings);
+    std::thread firstThread ([&] { firstAudio.run(); });
+    std::thread secondThread ([&] { secondAudio.run(); });
+
+    // Automation from a thread of the host's own, with gestures, on both instances.
+    int automationWrites = 0;
+    std::thread automation ([&]
+    {
+        juce::Random random (3);
+
+        while (running.load())
+        {
+            auto& processor = random.nextBool() ? first : second;
+            const auto index = random.nextInt (P::numParameters);
+            auto* parameter = processor.getParameters()[index];
+            parameter->beginChangeGesture();
+            parameter->setValueNotifyingHost (randomPlainValue (random, index));
+            parameter->endChangeGesture();
+            ++automationWrites;
+            std::this_thread::sleep_for (std::chrono::microseconds (200));
+        }
+    });
+
+    int restores = 0, reconfigurations = 0;
+    const auto end = juce::Time::getMillisecondCounterHiRes() + 1000.0 * stressSeconds();
+
+    while (juce::Time::getMillisecondCounterHiRes() < end)
+    {
+        // Pending kernel computations and the editor's timer run here.
+        juce::MessageManager::getInstance()->runDispatchLoopUntil (5);
+
+        juce::MemoryBlock state;
+        first.getStateInformation (state);
+        second.setStateInformation (state.getData(), (int) state.getSize());
+        ++restores;
+
+        // Both instances design kernels on this thread while their audio runs.
+        first.triggerAsyncUpdate();
+        second.triggerAsyncUpdate();
+        first.handleUpdateNowIfNeeded();
+        second.handleUpdateNowIfNeeded();
+
+        if (restores % 3 == 0)
+        {
+            (settings.nextBool() ? firstAudio : secondAudio).reconfigure (settings);
+            ++reconfigurations;
+        }
+    }
+
+    running.store (false);
+    firstThread.join();
+    secondThread.join();
+    automation.join();
+    editor.reset();
+
+    std::cout << "host threads: " << firstAudio.blocksPlayed + secondAudio.blocksPlayed << " blocks, "
+              << automationWrites << " automation writes, " << restores << " state restores and kernel designs, "
+              << reconfigurations << " rate or block size changes\n";
+
+    EXPECT_GT (firstAudio.blocksPlayed, 100);
+    EXPECT_GT (secondAudio.blocksPlayed, 100);
+    EXPECT_GT (automationWrites, 100);
+    EXPECT_GT (restores, 10);
+    EXPECT_GT (reconfigurations, 0);
+    EXPECT_EQ (0, firstAudio.nonFiniteBlocks);
+    EXPECT_EQ (0, secondAudio.nonFiniteBlocks);
+}
