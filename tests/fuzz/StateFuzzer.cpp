@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
         std::abort();
 
     for (size_t i = 0; i < after.size(); ++i)
-        if (! (*reread)[i] || ! sameValue (*(*reread)[i], StateBlock::isSwitch (i) ? (after[i] >= 0.5f ? 1.0f : 0.0f) : after[i]))
+        if (! (*reread)[i] || ! sameValue (*(*reread)[i], ParameterTable::entry (i).isSwitch ? (after[i] >= 0.5f ? 1.0f : 0.0f) : after[i]))
             std::abort();
 
     return 0;
