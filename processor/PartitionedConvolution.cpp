@@ -135,16 +135,6 @@ int PartitionLayout::capacity() const noexcept
     return last.firstTap + last.partitionSize * last.numPartitions;
 }
 
-bool PartitionLayout::operator== (const PartitionLayout& other) const noexcept
-{
-    return std::equal (levels.begin(), levels.end(), other.levels.begin(), other.levels.end(),
-                       [] (const Level& a, const Level& b)
-                       {
-                           return a.partitionSize == b.partitionSize && a.firstTap == b.firstTap
-                               && a.numPartitions == b.numPartitions;
-                       });
-}
-
 int spectrumStride (int partitionSize) noexcept
 {
     return (partitionSize + 1 + 15) / 16 * 16;

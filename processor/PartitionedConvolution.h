@@ -44,8 +44,6 @@ namespace tilt
         int headSize() const noexcept          { return levels.front().partitionSize; }
         int largestPartition() const noexcept  { return levels.back().partitionSize; }
         int capacity() const noexcept;
-
-        bool operator== (const PartitionLayout& other) const noexcept;
     };
 
     /** Floats per stored spectrum of a partition: N/2 + 1 bins, padded for SIMD alignment. */

@@ -42,11 +42,6 @@ public:
     const TiltKernelSet* acquire() noexcept;
     void release() noexcept;
 
-    int getFftSize() const noexcept  { return fftSize; }
-
-    /** The time-domain kernels of the latest design. */
-    const TiltKernelTaps& getTaps() const noexcept  { return taps; }
-
 private:
     std::mutex designMutex;     // between message-side callers only
     TiltKernelDesigner designer;
@@ -88,7 +83,6 @@ public:
     void reset() noexcept;
 
     void setPreviousTilt (double tilt) noexcept  { previousTilt = tilt; }
-    double getPreviousTilt() const noexcept      { return previousTilt; }
     const tilt::PartitionLayout& getLayout() const noexcept  { return layout; }
 
     /** Processes n samples in place; target is the tilt at the block's end. Blocks longer
