@@ -211,16 +211,10 @@ const float* PartitionedKernels::im (int level, int k, int partition) const noex
 }
 
 //==============================================================================
-float* PartitionedConvolver::Level::spectrumRe (int64_t chunk) noexcept
+int PartitionedConvolver::Level::slotOf (int64_t chunk) const noexcept
 {
-    const auto slot = ((chunk % slots) + slots) % slots;
-    return spectraRe.data() + slot * stride;
-}
-
-float* PartitionedConvolver::Level::spectrumIm (int64_t chunk) noexcept
-{
-    const auto slot = ((chunk % slots) + slots) % slots;
-    return spectraIm.data() + slot * stride;
+    const auto slot = (int) (chunk % slots);
+    return slot < 0 ? slot + slots : slot;
 }
 
 void PartitionedConvolver::prepare (const PartitionLayout& layout)
@@ -348,8 +342,9 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
     readHistory (segment, (chunk - 1) * size, size + to);
     std::fill (segment + size + to, segment + 2 * size, 0.0f);
 
-    auto* xRe = head.spectrumRe (chunk);
-    auto* xIm = head.spectrumIm (chunk);
+    const auto slot = head.slotOf (chunk);
+    auto* xRe = head.spectrumRe (slot);
+    auto* xIm = head.spectrumIm (slot);
     head.fft.forward (segment, xRe, xIm);
 
     const auto bins = size + 1;
@@ -379,9 +374,14 @@ void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int
     std::fill_n (sumRe, bins, 0.0f);
     std::fill_n (sumIm, bins, 0.0f);
 
+    const auto slot = head.slotOf (chunk);
+
     for (int p = 1; p < kernels.usedPartitions (0, k); ++p)
-        multiplyAdd (sumRe, sumIm, head.spectrumRe (chunk - p), head.spectrumIm (chunk - p),
+    {
+        const auto past = head.slotBefore (slot, p);
+        multiplyAdd (sumRe, sumIm, head.spectrumRe (past), head.spectrumIm (past),
                      kernels.re (0, k, p), kernels.im (0, k, p), bins);
+    }
 
     pastChunk[(size_t) k] = chunk;
 }
@@ -442,13 +442,15 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
     if (stage == 0)
     {
         readHistory (level.segment.data(), (chunk - 1) * level.size, 2 * level.size);
-        level.fft.forward (level.segment.data(), level.spectrumRe (chunk), level.spectrumIm (chunk));
+        const auto slot = level.slotOf (chunk);
+        level.fft.forward (level.segment.data(), level.spectrumRe (slot), level.spectrumIm (slot));
         return;
     }
 
     if (stage <= level.numPartitions)
     {
         const auto p = stage - 1;
+        const auto slot = level.slotOf (chunk - p);
 
         forEachKernel (level.jobMask, [&] (int k)
         {
@@ -466,10 +468,10 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
             }
 
             if (p == 0)
-                multiply (sumRe, sumIm, level.spectrumRe (chunk), level.spectrumIm (chunk),
+                multiply (sumRe, sumIm, level.spectrumRe (slot), level.spectrumIm (slot),
                           kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
             else
-                multiplyAdd (sumRe, sumIm, level.spectrumRe (chunk - p), level.spectrumIm (chunk - p),
+                multiplyAdd (sumRe, sumIm, level.spectrumRe (slot), level.spectrumIm (slot),
                              kernels.re (l, k, p), kernels.im (l, k, p), bins);
         });
         return;
@@ -491,9 +493,14 @@ void PartitionedConvolver::accumulateWindow (int l, const PartitionedKernels& ke
     std::fill_n (sumRe, bins, 0.0f);
     std::fill_n (sumIm, bins, 0.0f);
 
+    const auto slot = level.slotOf (chunk);
+
     for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
-        multiplyAdd (sumRe, sumIm, level.spectrumRe (chunk - p), level.spectrumIm (chunk - p),
+    {
+        const auto past = level.slotBefore (slot, p);
+        multiplyAdd (sumRe, sumIm, level.spectrumRe (past), level.spectrumIm (past),
                      kernels.re (l, k, p), kernels.im (l, k, p), bins);
+    }
 }
 
 void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcept

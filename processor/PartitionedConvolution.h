@@ -129,8 +129,11 @@ namespace tilt
             int jobStage = 0;
             unsigned jobMask = 0;
 
-            float* spectrumRe (int64_t chunk) noexcept;
-            float* spectrumIm (int64_t chunk) noexcept;
+            // Ring slot of a chunk's spectrum, and the slot p chunks before a given one.
+            int slotOf (int64_t chunk) const noexcept;
+            int slotBefore (int slot, int p) const noexcept  { return slot >= p ? slot - p : slot - p + slots; }
+            float* spectrumRe (int slot) noexcept  { return spectraRe.data() + slot * stride; }
+            float* spectrumIm (int slot) noexcept  { return spectraIm.data() + slot * stride; }
         };
 
         void writeHistory (const float* input, int n) noexcept;
