@@ -172,9 +172,10 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
         kernelGeneration = kernels.generation;
     }
 
+    // A glide reads only the kernels of the signs it passes through.
     const auto gliding = target != previousTilt;
-    const auto needPositive = gliding || target > 0.0;
-    const auto needNegative = gliding || target < 0.0;
+    const auto needPositive = std::max (target, previousTilt) > 0.0;
+    const auto needNegative = std::min (target, previousTilt) < 0.0;
     const auto step = (target - previousTilt) / n;
 
     // The falling kernel gives the positive tilt (treble down), the rising one the negative.
