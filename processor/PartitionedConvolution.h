@@ -34,6 +34,11 @@ namespace tilt
             int partitionSize = 0;
             int firstTap = 0;
             int numPartitions = 0;
+
+            bool operator== (const Level& other) const noexcept
+            {
+                return partitionSize == other.partitionSize && firstTap == other.firstTap && numPartitions == other.numPartitions;
+            }
         };
 
         std::vector<Level> levels;

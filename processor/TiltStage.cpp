@@ -5,7 +5,54 @@
 #include <cmath>
 #include <thread>
 
-void TiltKernelBank::prepare (const tilt::PartitionLayout& layout, int newFftSize)
+namespace
+{
+    /** Partitioned kernels shared by every instance that designed the same taps for the same
+        layout; a copy lives as long as a kernel set of some instance holds it. */
+    std::shared_ptr<const tilt::PartitionedKernels> sharedPartitions (const tilt::PartitionLayout& layout,
+                                                                      const TiltKernelTaps& taps)
+    {
+        struct Entry
+        {
+            tilt::PartitionLayout layout;
+            TiltKernelTaps taps;
+            tilt::PartitionedKernels partitions;
+        };
+
+        static std::mutex mutex;
+        static std::vector<std::weak_ptr<const Entry>> entries;
+
+        const std::lock_guard<std::mutex> lock (mutex);
+
+        entries.erase (std::remove_if (entries.begin(), entries.end(), [] (auto& e) { return e.expired(); }), entries.end());
+
+        for (auto& weak : entries)
+        {
+            if (auto entry = weak.lock())
+            {
+                if (entry->layout.levels == layout.levels
+                    && entry->taps.linearFalling == taps.linearFalling && entry->taps.linearRising == taps.linearRising
+                    && entry->taps.minimumFalling == taps.minimumFalling && entry->taps.minimumRising == taps.minimumRising)
+                    return { entry, &entry->partitions };
+            }
+        }
+
+        auto entry = std::make_shared<Entry>();
+        entry->layout = layout;
+        entry->taps = taps;
+        entry->partitions.prepare (layout);
+        entry->partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
+        entry->partitions.setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
+        entry->partitions.setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
+        entry->partitions.setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
+
+        std::shared_ptr<const Entry> shared = std::move (entry);
+        entries.push_back (shared);
+        return { shared, &shared->partitions };
+    }
+}
+
+void TiltKernelBank::prepare (const tilt::PartitionLayout& newLayout, int newFftSize)
 {
     const std::lock_guard<std::mutex> lock (designMutex);
 
@@ -13,7 +60,9 @@ void TiltKernelBank::prepare (const tilt::PartitionLayout& layout, int newFftSiz
     inUse = -1;
 
     for (auto& set : sets)
-        set.partitions.prepare (layout);
+        set.partitions.reset();
+
+    layout = newLayout;
 
     if (newFftSize != fftSize)
         designer.prepare (newFftSize);
@@ -34,10 +83,7 @@ void TiltKernelBank::design (double sampleRate)
     designer.design (sampleRate, mainFft, minimumPhaseFft, spectra, &taps);
 
     auto& set = sets[(size_t) target];
-    set.partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
-    set.partitions.setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
-    set.partitions.setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
-    set.partitions.setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
+    set.partitions = sharedPartitions (layout, taps);
     set.sampleRate = sampleRate;
     set.fftSize = fftSize;
     set.generation = ++generations;
@@ -194,7 +240,7 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
             auto* positive = falling[(size_t) c].data();
             auto* negative = rising[(size_t) c].data();
             float* outputs[tilt::maxKernels] = { positive, negative, positive, negative };
-            convolvers[(size_t) c].process (samples, count, kernels.partitions, mask, outputs);
+            convolvers[(size_t) c].process (samples, count, *kernels.partitions, mask, outputs);
 
             auto* line = dryLines[(size_t) c].data();
             const auto to = dryTime & dryMask;

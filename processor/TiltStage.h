@@ -6,16 +6,21 @@
 
 #include <array>
 #include <atomic>
+#include <memory>
 #include <cstdint>
 #include <mutex>
 #include <vector>
 
-/** The four tilt kernels, partitioned for one layout, as the audio thread uses them. */
+/**
+    The four tilt kernels, partitioned for one layout, as the audio thread uses them.
+    Instances at the same sample rate and block size design the same kernels; they share one
+    read-only copy, so that a session with a tilt on every bus keeps one copy in the cache.
+*/
 struct TiltKernelSet
 {
     enum Kernel { linearFalling = 0, linearRising, minimumFalling, minimumRising };
 
-    tilt::PartitionedKernels partitions;
+    std::shared_ptr<const tilt::PartitionedKernels> partitions;
     double sampleRate = 0.0;
     int fftSize = 0;
     uint64_t generation = 0;
@@ -44,6 +49,7 @@ public:
 
 private:
     std::mutex designMutex;     // between message-side callers only
+    tilt::PartitionLayout layout;
     TiltKernelDesigner designer;
     audiofft::FFTW3FFT mainFft, minimumPhaseFft;
     TiltKernelSpectra spectra;

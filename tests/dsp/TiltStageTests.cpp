@@ -118,7 +118,7 @@ TEST (PartitionedConvolution, MatchesOverlapSaveOverRandomBlocksAndKernelSwitche
             // Mostly one kernel at a time, now and then both or none.
             const auto pick = std::uniform_int_distribution<int> (0, 9) (random);
             const unsigned mask = pick < 4 ? 1u : pick < 8 ? 2u : pick == 8 ? 3u : 0u;
-            pair.convolver.process (input.data() + position, n, kernels->partitions, mask << base, outputs);
+            pair.convolver.process (input.data() + position, n, *kernels->partitions, mask << base, outputs);
 
             for (int i = 0; i < n; ++i)
             {
