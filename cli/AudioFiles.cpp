@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <limits>
 #include <cstdlib>
 #include <cmath>
 #include <cstdio>
@@ -489,6 +490,21 @@ OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth
 }
 
 //==============================================================================
+namespace
+{
+    // Samples converted per call to the format writer: bounds the buffers for any block size.
+    constexpr int conversionChunk = 4096;
+
+    /** The next value of juce::Random::nextFloat() for the given seed, inline: two calls per
+        sample through the library cost more than all the rest of writing a 16-bit file. */
+    inline float nextUniform (juce::uint64& seed) noexcept
+    {
+        seed = (seed * 0x5deece66dULL + 11) & 0xffffffffffffULL;
+        const auto value = (float) (juce::uint32) (seed >> 16) / 4294967296.0f;
+        return value == 1.0f ? 1.0f - std::numeric_limits<float>::epsilon() : value;
+    }
+}
+
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
     : file (target.temporary()), destination (target.destination()), bitDepth (format.bitDepth),
       outcome (std::make_shared<WriteOutcome>())
@@ -510,6 +526,9 @@ AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat&
                                               + format.format->getFormatName() + " at " + juce::String (sampleRate) + " Hz");
 
     stream.release();
+    integerSamples.resize ((size_t) numChannels * conversionChunk);
+    channelData.resize ((size_t) numChannels + 1, nullptr);
+    sourceData.resize ((size_t) numChannels, nullptr);
 }
 
 AudioFileWriter::~AudioFileWriter() = default;
@@ -517,48 +536,86 @@ AudioFileWriter::~AudioFileWriter() = default;
 void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, int numSamples)
 {
     const auto numChannels = block.getNumChannels();
-    scratch.setSize (numChannels, numSamples, false, false, true);
+    jassert (numChannels == (int) writer->getNumChannels());
 
     for (int channel = 0; channel < numChannels; ++channel)
     {
         const auto* source = block.getReadPointer (channel, start);
-        auto* copy = scratch.getWritePointer (channel);
 
         for (int i = 0; i < numSamples; ++i)
         {
-            const auto sample = source[i];
-            const auto magnitude = std::abs (sample);
+            const auto magnitude = std::abs (source[i]);
             peakLevel = std::max (peakLevel, magnitude);
-
-            if (magnitude > 1.0f)
-                ++clipped;
-
-            copy[i] = sample;
+            clipped += magnitude > 1.0f ? 1 : 0;
         }
     }
 
+    for (int done = 0; done < numSamples; done += conversionChunk)
+    {
+        const auto count = std::min (conversionChunk, numSamples - done);
+        convert (block, start + done, count);
+
+        if (! writer->write (channelData.data(), count) || outcome->error.isNotEmpty())
+            throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
+                                                         + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
+    }
+}
+
+void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start, int numSamples)
+{
+    const auto numChannels = block.getNumChannels();
+
+    if (bitDepth == 32)
+    {
+        // Float writers take the samples' bits as they are.
+        for (int channel = 0; channel < numChannels; ++channel)
+            channelData[(size_t) channel] = reinterpret_cast<const int*> (block.getReadPointer (channel, start));
+
+        return;
+    }
+
+    for (int channel = 0; channel < numChannels; ++channel)
+        channelData[(size_t) channel] = integerSamples.data() + (size_t) channel * conversionChunk;
+
     if (bitDepth == 16)
     {
-        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid. JUCE goes through
-        // 32-bit integers and truncates, so the value sits half a step up to land exactly.
-        // Interleaved across channels so that the seed alone fixes the result.
+        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid, placed in the top
+        // 16 bits the writer keeps. Interleaved across channels so that the seed alone fixes
+        // the result.
         constexpr double scale = 32768.0;
+
+        for (int channel = 0; channel < numChannels; ++channel)
+            sourceData[(size_t) channel] = block.getReadPointer (channel, start);
 
         for (int i = 0; i < numSamples; ++i)
         {
             for (int channel = 0; channel < numChannels; ++channel)
             {
-                auto& sample = scratch.getWritePointer (channel)[i];
-                const auto dither = (double) ditherNoise.nextFloat() - (double) ditherNoise.nextFloat();
-                const auto level = std::floor ((double) sample * scale + dither + 0.5);
-                sample = (float) ((juce::jlimit (-scale, scale - 1.0, level) + 0.5) / scale);
+                const auto sample = (double) sourceData[(size_t) channel][i];
+                const auto first = (double) nextUniform (ditherSeed);
+                const auto dither = first - (double) nextUniform (ditherSeed);
+                const auto level = juce::jlimit (-scale, scale - 1.0, std::floor (sample * scale + dither + 0.5));
+                integerSamples[(size_t) (channel * conversionChunk + i)] = std::isnan (level) ? 0 : (int) level * 65536;
             }
         }
+
+        return;
     }
 
-    if (! writer->writeFromAudioSampleBuffer (scratch, 0, numSamples) || outcome->error.isNotEmpty())
-        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
-                                                     + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
+    // Full scale is INT_MAX, rounded to nearest: the conversion JUCE's float writing uses.
+    for (int channel = 0; channel < numChannels; ++channel)
+    {
+        const auto* source = block.getReadPointer (channel, start);
+        auto* target = integerSamples.data() + (size_t) channel * conversionChunk;
+
+        for (int i = 0; i < numSamples; ++i)
+        {
+            const auto sample = (double) source[i];
+            target[i] = sample <= -1.0 ? std::numeric_limits<int>::min()
+                      : sample >= 1.0  ? std::numeric_limits<int>::max()
+                                       : juce::roundToInt ((double) std::numeric_limits<int>::max() * sample);
+        }
+    }
 }
 
 void AudioFileWriter::close()
