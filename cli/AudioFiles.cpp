@@ -594,8 +594,14 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
                 const auto sample = (double) sourceData[(size_t) channel][i];
                 const auto first = (double) nextUniform (ditherSeed);
                 const auto dither = first - (double) nextUniform (ditherSeed);
-                const auto level = juce::jlimit (-scale, scale - 1.0, std::floor (sample * scale + dither + 0.5));
-                integerSamples[(size_t) (channel * conversionChunk + i)] = std::isnan (level) ? 0 : (int) level * 65536;
+                const auto exact = sample * scale + dither + 0.5;
+
+                // Limited first, then floored by truncation: the same level as a floor
+                // and then the limits, without the branches of a library floor.
+                const auto limited = std::isnan (exact) ? 0.0 : std::min (std::max (exact, -scale), scale - 1.0);
+                const auto truncated = (int) limited;
+                const auto level = truncated - (limited < (double) truncated ? 1 : 0);
+                integerSamples[(size_t) (channel * conversionChunk + i)] = level * 65536;
             }
         }
 
