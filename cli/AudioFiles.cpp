@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cmath>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -495,14 +496,30 @@ namespace
     // Samples converted per call to the format writer: bounds the buffers for any block size.
     constexpr int conversionChunk = 4096;
 
-    /** The next value of juce::Random::nextFloat() for the given seed, inline: two calls per
-        sample through the library cost more than all the rest of writing a 16-bit file. */
-    inline float nextUniform (juce::uint64& seed) noexcept
+    /** juce::Random's generator and its nextFloat(), inline: two calls per sample through
+        the library cost more than all the rest of writing a 16-bit file. */
+    struct DitherSequence
     {
-        seed = (seed * 0x5deece66dULL + 11) & 0xffffffffffffULL;
-        const auto value = (float) (juce::uint32) (seed >> 16) / 4294967296.0f;
-        return value == 1.0f ? 1.0f - std::numeric_limits<float>::epsilon() : value;
-    }
+        static constexpr juce::uint64 multiplier = 0x5deece66dULL, increment = 11, mask = 0xffffffffffffULL;
+
+        // Two steps at once, both from the same state, so the multiplications run side by side.
+        static constexpr juce::uint64 multiplierTwice = (multiplier * multiplier) & mask;
+        static constexpr juce::uint64 incrementTwice = (multiplier * increment + increment) & mask;
+
+        static float uniform (juce::uint64 state) noexcept
+        {
+            const auto value = (float) (juce::uint32) (state >> 16) / 4294967296.0f;
+            return value == 1.0f ? 1.0f - std::numeric_limits<float>::epsilon() : value;
+        }
+
+        /** The first value minus the second: triangular, +-1. */
+        static double nextDifference (juce::uint64& state) noexcept
+        {
+            const auto first = (state * multiplier + increment) & mask;
+            state = (state * multiplierTwice + incrementTwice) & mask;
+            return (double) uniform (first) - (double) uniform (state);
+        }
+    };
 }
 
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
@@ -538,17 +555,31 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
     const auto numChannels = block.getNumChannels();
     jassert (numChannels == (int) writer->getNumChannels());
 
+    // On the bit patterns of the magnitudes, which order as their values do: integer
+    // comparisons vectorise where float ones (NaN) do not. NaN counts for neither.
+    constexpr std::int32_t infinity = 0x7f800000, fullScale = 0x3f800000;
+    std::int32_t largest;
+    std::memcpy (&largest, &peakLevel, sizeof (largest));
+
     for (int channel = 0; channel < numChannels; ++channel)
     {
         const auto* source = block.getReadPointer (channel, start);
+        std::int32_t beyondFullScale = 0;
 
         for (int i = 0; i < numSamples; ++i)
         {
-            const auto magnitude = std::abs (source[i]);
-            peakLevel = std::max (peakLevel, magnitude);
-            clipped += magnitude > 1.0f ? 1 : 0;
+            std::int32_t bits;
+            std::memcpy (&bits, source + i, sizeof (bits));
+            const auto magnitude = bits & 0x7fffffff;
+            const auto number = magnitude > infinity ? 0 : magnitude;
+            largest = std::max (largest, number);
+            beyondFullScale += (std::int32_t) (number > fullScale);
         }
+
+        clipped += beyondFullScale;
     }
+
+    std::memcpy (&peakLevel, &largest, sizeof (peakLevel));
 
     for (int done = 0; done < numSamples; done += conversionChunk)
     {
@@ -592,9 +623,7 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
             for (int channel = 0; channel < numChannels; ++channel)
             {
                 const auto sample = (double) sourceData[(size_t) channel][i];
-                const auto first = (double) nextUniform (ditherSeed);
-                const auto dither = first - (double) nextUniform (ditherSeed);
-                const auto exact = sample * scale + dither + 0.5;
+                const auto exact = sample * scale + DitherSequence::nextDifference (ditherState) + 0.5;
 
                 // Limited first, then floored by truncation: the same level as a floor
                 // and then the limits, without the branches of a library floor.
