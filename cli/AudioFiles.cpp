@@ -266,7 +266,8 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (const auto problem = checkChunkSizes (*stream); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
-    auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
+    // Reads of one block at a time would each be a system call.
+    auto watched = std::make_unique<ShortReadWatch> (std::make_unique<juce::BufferedInputStream> (stream.release(), 1 << 16, true));
 
     for (auto& format : inputFormatsFor (file))
     {
