@@ -7,12 +7,12 @@
 
 #include <cerrno>
 #include <climits>
-#include <limits>
 #include <cstdlib>
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <limits>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
