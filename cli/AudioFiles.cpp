@@ -9,8 +9,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -264,7 +266,8 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (const auto problem = checkChunkSizes (*stream); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
-    auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
+    // Reads of one block at a time would each be a system call.
+    auto watched = std::make_unique<ShortReadWatch> (std::make_unique<juce::BufferedInputStream> (stream.release(), 1 << 16, true));
 
     for (auto& format : inputFormatsFor (file))
     {
@@ -489,6 +492,37 @@ OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth
 }
 
 //==============================================================================
+namespace
+{
+    // Samples converted per call to the format writer: bounds the buffers for any block size.
+    constexpr int conversionChunk = 4096;
+
+    /** juce::Random's generator and its nextFloat(), inline: two calls per sample through
+        the library cost more than all the rest of writing a 16-bit file. */
+    struct DitherSequence
+    {
+        static constexpr juce::uint64 multiplier = 0x5deece66dULL, increment = 11, mask = 0xffffffffffffULL;
+
+        // Two steps at once, both from the same state, so the multiplications run side by side.
+        static constexpr juce::uint64 multiplierTwice = (multiplier * multiplier) & mask;
+        static constexpr juce::uint64 incrementTwice = (multiplier * increment + increment) & mask;
+
+        static float uniform (juce::uint64 state) noexcept
+        {
+            const auto value = (float) (juce::uint32) (state >> 16) / 4294967296.0f;
+            return value == 1.0f ? 1.0f - std::numeric_limits<float>::epsilon() : value;
+        }
+
+        /** The first value minus the second: triangular, +-1. */
+        static double nextDifference (juce::uint64& state) noexcept
+        {
+            const auto first = (state * multiplier + increment) & mask;
+            state = (state * multiplierTwice + incrementTwice) & mask;
+            return (double) uniform (first) - (double) uniform (state);
+        }
+    };
+}
+
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
     : file (target.temporary()), destination (target.destination()), bitDepth (format.bitDepth),
       outcome (std::make_shared<WriteOutcome>())
@@ -510,6 +544,9 @@ AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat&
                                               + format.format->getFormatName() + " at " + juce::String (sampleRate) + " Hz");
 
     stream.release();
+    integerSamples.resize ((size_t) numChannels * conversionChunk);
+    channelData.resize ((size_t) numChannels + 1, nullptr);
+    sourceData.resize ((size_t) numChannels, nullptr);
 }
 
 AudioFileWriter::~AudioFileWriter() = default;
@@ -517,48 +554,104 @@ AudioFileWriter::~AudioFileWriter() = default;
 void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, int numSamples)
 {
     const auto numChannels = block.getNumChannels();
-    scratch.setSize (numChannels, numSamples, false, false, true);
+    jassert (numChannels == (int) writer->getNumChannels());
+
+    // On the bit patterns of the magnitudes, which order as their values do: integer
+    // comparisons vectorise where float ones (NaN) do not. NaN counts for neither.
+    constexpr std::int32_t infinity = 0x7f800000, fullScale = 0x3f800000;
+    std::int32_t largest;
+    std::memcpy (&largest, &peakLevel, sizeof (largest));
 
     for (int channel = 0; channel < numChannels; ++channel)
     {
         const auto* source = block.getReadPointer (channel, start);
-        auto* copy = scratch.getWritePointer (channel);
+        std::int32_t beyondFullScale = 0;
 
         for (int i = 0; i < numSamples; ++i)
         {
-            const auto sample = source[i];
-            const auto magnitude = std::abs (sample);
-            peakLevel = std::max (peakLevel, magnitude);
-
-            if (magnitude > 1.0f)
-                ++clipped;
-
-            copy[i] = sample;
+            std::int32_t bits;
+            std::memcpy (&bits, source + i, sizeof (bits));
+            const auto magnitude = bits & 0x7fffffff;
+            const auto number = magnitude > infinity ? 0 : magnitude;
+            largest = std::max (largest, number);
+            beyondFullScale += (std::int32_t) (number > fullScale);
         }
+
+        clipped += beyondFullScale;
     }
+
+    std::memcpy (&peakLevel, &largest, sizeof (peakLevel));
+
+    for (int done = 0; done < numSamples; done += conversionChunk)
+    {
+        const auto count = std::min (conversionChunk, numSamples - done);
+        convert (block, start + done, count);
+
+        if (! writer->write (channelData.data(), count) || outcome->error.isNotEmpty())
+            throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
+                                                         + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
+    }
+}
+
+void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start, int numSamples)
+{
+    const auto numChannels = block.getNumChannels();
+
+    if (bitDepth == 32)
+    {
+        // Float writers take the samples' bits as they are.
+        for (int channel = 0; channel < numChannels; ++channel)
+            channelData[(size_t) channel] = reinterpret_cast<const int*> (block.getReadPointer (channel, start));
+
+        return;
+    }
+
+    for (int channel = 0; channel < numChannels; ++channel)
+        channelData[(size_t) channel] = integerSamples.data() + (size_t) channel * conversionChunk;
 
     if (bitDepth == 16)
     {
-        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid. JUCE goes through
-        // 32-bit integers and truncates, so the value sits half a step up to land exactly.
-        // Interleaved across channels so that the seed alone fixes the result.
+        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid, placed in the top
+        // 16 bits the writer keeps. Interleaved across channels so that the seed alone fixes
+        // the result.
         constexpr double scale = 32768.0;
+
+        for (int channel = 0; channel < numChannels; ++channel)
+            sourceData[(size_t) channel] = block.getReadPointer (channel, start);
 
         for (int i = 0; i < numSamples; ++i)
         {
             for (int channel = 0; channel < numChannels; ++channel)
             {
-                auto& sample = scratch.getWritePointer (channel)[i];
-                const auto dither = (double) ditherNoise.nextFloat() - (double) ditherNoise.nextFloat();
-                const auto level = std::floor ((double) sample * scale + dither + 0.5);
-                sample = (float) ((juce::jlimit (-scale, scale - 1.0, level) + 0.5) / scale);
+                const auto sample = (double) sourceData[(size_t) channel][i];
+                const auto exact = sample * scale + DitherSequence::nextDifference (ditherState) + 0.5;
+
+                // Limited first, then floored by truncation: the same level as a floor
+                // and then the limits, without the branches of a library floor.
+                const auto limited = std::isnan (exact) ? 0.0 : std::min (std::max (exact, -scale), scale - 1.0);
+                const auto truncated = (int) limited;
+                const auto level = truncated - (limited < (double) truncated ? 1 : 0);
+                integerSamples[(size_t) (channel * conversionChunk + i)] = level * 65536;
             }
         }
+
+        return;
     }
 
-    if (! writer->writeFromAudioSampleBuffer (scratch, 0, numSamples) || outcome->error.isNotEmpty())
-        throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
-                                                     + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
+    // Full scale is INT_MAX, rounded to nearest: the conversion JUCE's float writing uses.
+    for (int channel = 0; channel < numChannels; ++channel)
+    {
+        const auto* source = block.getReadPointer (channel, start);
+        auto* target = integerSamples.data() + (size_t) channel * conversionChunk;
+
+        for (int i = 0; i < numSamples; ++i)
+        {
+            const auto sample = (double) source[i];
+            target[i] = sample <= -1.0 ? std::numeric_limits<int>::min()
+                      : sample >= 1.0  ? std::numeric_limits<int>::max()
+                                       : juce::roundToInt ((double) std::numeric_limits<int>::max() * sample);
+        }
+    }
 }
 
 void AudioFileWriter::close()

@@ -4,6 +4,7 @@
 #include <juce_audio_formats/juce_audio_formats.h>
 
 #include <memory>
+#include <vector>
 
 namespace quenda::cli
 {
@@ -98,12 +99,16 @@ namespace quenda::cli
         juce::int64 clippedSamples() const noexcept { return clipped; }
 
     private:
+        void convert (const juce::AudioBuffer<float>& block, int start, int numSamples);
+
         const juce::File file, destination;
         const int bitDepth;
         std::shared_ptr<WriteOutcome> outcome;
         std::unique_ptr<juce::AudioFormatWriter> writer;
-        juce::AudioBuffer<float> scratch;
-        juce::Random ditherNoise { 0x5175656e };
+        std::vector<int> integerSamples;        // per channel, left-justified as the format writers take them
+        std::vector<const int*> channelData;
+        std::vector<const float*> sourceData;
+        juce::uint64 ditherState = 0x5175656e;     // a fixed seed: the same samples always get the same dither
         float peakLevel = 0.0f;
         juce::int64 clipped = 0;
     };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // End to end through files: length, alignment, the first processed samples, mono, the
-// formats in and out, and reproducible 16-bit dither.
+// summary's peak and clip count, the formats in and out, and reproducible 16-bit dither.
 
 #include "TestSupport.h"
 
@@ -51,6 +51,32 @@ TEST (Render, LengthAlignmentAndTheFirstSamples)
     for (int i = 0; i < length; ++i)
         for (int c = 0; c < 2; ++c)
             ASSERT_EQ (outputs[5].getSample (0, i), outputs[3].getSample (c, i)) << c << ", " << i;
+}
+
+TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
+{
+    TempFolder temp;
+    auto loud = noise (2, 4800);
+    loud.applyGain (6.0f);
+    writeAudio (temp["loud.wav"], loud);
+
+    const auto result = render ({ temp ("loud.wav"), temp ("out.wav"), "--high", "2" });
+    ASSERT_EQ (result.code, 0) << result.err;
+
+    // The output is float like the input, so it holds exactly what the summary measured.
+    const auto written = readAudio (temp["out.wav"]).audio;
+    float peak = 0.0f;
+    int beyond = 0;
+    for (int c = 0; c < written.getNumChannels(); ++c)
+        for (int i = 0; i < written.getNumSamples(); ++i)
+        {
+            peak = std::max (peak, std::abs (written.getSample (c, i)));
+            beyond += std::abs (written.getSample (c, i)) > 1.0f ? 1 : 0;
+        }
+
+    ASSERT_GT (beyond, 0);
+    const auto expected = juce::String (20.0 * std::log10 ((double) peak), 2) + " dBFS, " + juce::String (beyond) + " clipped samples";
+    EXPECT_NE (result.err.find (expected.toStdString()), std::string::npos) << result.err << "expected: " << expected;
 }
 
 TEST (Formats, RoundTripKeepsRateChannelsLengthAndDepth)
