@@ -109,9 +109,7 @@ TEST (AudioPath, ARateChangeIsProcessedFromItsFirstBlock)
     for (int b = 0; b < 3; ++b)
         session.block (512, "48 kHz");
 
-    session.plugin.stop();
-    session.plugin.start (44100.0f, 512);
-    session.model.start (44100.0, 512, session.settings);
+    session.restart (44100.0);
 
     for (int b = 0; b < 4; ++b)
         session.block (512, "44.1 kHz");
@@ -134,9 +132,7 @@ TEST (AudioPath, KernelComputationWaitsWhileAnotherProcessHoldsTheEngineLock)
     ASSERT_TRUE (holder.holding) << "the lock holder did not start";
     const auto start = std::chrono::steady_clock::now();
 
-    session.plugin.stop();
-    session.plugin.start (44100.0f, 512);
-    session.model.start (44100.0, 512, session.settings);
+    session.restart (44100.0);
     session.block (512, "rate changed while the lock is held elsewhere");
 
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds> (std::chrono::steady_clock::now() - start);
