@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "NamedSemaphore.h"
 
-#include <map>
 #include <mutex>
 #include <new>
 
@@ -29,17 +28,41 @@ namespace platform
 NamedSemaphore& NamedSemaphore::open (const std::string& name)
 {
     // One object per name for the life of the process, like a handle that is never closed.
-    // Never destroyed, so instances destroyed during static destruction can still use them.
-    static auto* registryLock = new std::mutex();
-    static auto* registry = new std::map<std::string, NamedSemaphore*>();
+    // They and their lock sit in static storage and are never destroyed: instances destroyed
+    // during static destruction can still use them, and a plug-in module that is unloaded
+    // leaves nothing behind on the heap.
+    struct Slot
+    {
+        char name[128];
+        alignas (NamedSemaphore) unsigned char object[sizeof (NamedSemaphore)];
+        bool used;
+    };
 
-    const std::lock_guard<std::mutex> lock (*registryLock);
-    auto& entry = (*registry)[name];
+    alignas (std::mutex) static unsigned char lockStorage[sizeof (std::mutex)];
+    static auto& registryLock = *new (lockStorage) std::mutex();
+    static Slot slots[16];
+    static NamedSemaphore unavailable;
 
-    if (entry == nullptr)
-        entry = new NamedSemaphore (name);
+    const std::lock_guard<std::mutex> lock (registryLock);
 
-    return *entry;
+    if (name.size() >= sizeof (Slot::name))
+        return unavailable;
+
+    for (auto& slot : slots)
+    {
+        if (slot.used && name == slot.name)
+            return *std::launder (reinterpret_cast<NamedSemaphore*> (slot.object));
+
+        if (! slot.used)
+        {
+            name.copy (slot.name, name.size());
+            slot.name[name.size()] = 0;
+            slot.used = true;
+            return *new (slot.object) NamedSemaphore (name);
+        }
+    }
+
+    return unavailable;
 }
 
 #if defined (_WIN32)

@@ -19,7 +19,9 @@ namespace platform
     the lock over when that process has died, and the first process to open the name while no
     other process has it open starts from a free lock.
 
-    Objects are opened once per name and process and live until the process ends.
+    Objects are opened once per name and process and live until the process ends. A process
+    opens at most 16 names; past that, or with a name of 128 characters or more, open returns
+    an object that could not be created.
 */
 class NamedSemaphore
 {
@@ -47,6 +49,7 @@ public:
     struct Shared;
 
 private:
+    NamedSemaphore() = default;    // one that could not be created
     explicit NamedSemaphore (const std::string& name);
     ~NamedSemaphore() = default;
 

@@ -5,6 +5,7 @@
 // build it still checks that the audio stays finite and nothing deadlocks.
 
 #include "editor/PluginEditor.h"
+#include "processor/ParameterTable.h"
 #include "processor/PluginProcessor.h"
 
 #include <juce_events/juce_events.h>
@@ -31,18 +32,11 @@ namespace
     // Values inside the editor's ranges, where the output must stay finite at every rate used here.
     float randomPlainValue (juce::Random& random, int index)
     {
-        switch (index)
-        {
-            case P::tiltIndex:      return random.nextFloat() * 2.0f - 1.0f;
-            case P::bypassIndex:
-            case P::linPhaseIndex:  return random.nextBool() ? 1.0f : 0.0f;
-            case P::trimIndex:
-            case P::lowIndex:       return random.nextFloat() * 12.0f - 6.0f;
-            case P::highIndex:      return random.nextFloat() * 6.0f - 3.0f;
-            case P::lowFreqIndex:   return 20.0f + random.nextFloat() * 280.0f;
-            case P::highFreqIndex:  return 3000.0f + random.nextFloat() * 12000.0f;
-            default:                return 0.0f;
-        }
+        const auto& entry = ParameterTable::entry ((size_t) index);
+        if (entry.isSwitch)
+            return random.nextBool() ? 1.0f : 0.0f;
+
+        return entry.minimum + random.nextFloat() * (entry.maximum - entry.minimum);
     }
 
     /** A host's audio callback. Like JUCE's AudioProcessorPlayer it holds the device lock

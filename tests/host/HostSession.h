@@ -22,10 +22,18 @@ namespace
     /** Drives the plug-in and the model side by side, block by block. */
     struct Session
     {
-        explicit Session (int declaredBlockSize, Settings initial = {}, double rate = sampleRate)
-            : settings (initial)
+        explicit Session (int blockSize, Settings initial = {}, double rate = sampleRate)
+            : declaredBlockSize (blockSize), settings (initial)
         {
             apply();
+            plugin.start ((float) rate, declaredBlockSize);
+            model.start (rate, declaredBlockSize, settings);
+        }
+
+        /** As a host changing the rate: stopped, then started again at the new one. */
+        void restart (double rate)
+        {
+            plugin.stop();
             plugin.start ((float) rate, declaredBlockSize);
             model.start (rate, declaredBlockSize, settings);
         }
@@ -74,6 +82,7 @@ namespace
             ++blockCount;
         }
 
+        const int declaredBlockSize;
         vst2host::Instance plugin;
         reference::Model model;
         Settings settings;

@@ -6,11 +6,9 @@
 
 #include <aeffectx.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #if defined (_WIN32)
@@ -65,27 +63,6 @@ private:
 
     PluginMain main = nullptr;
 };
-
-/** Lets time pass as a host's idle message thread would. On Windows the plug-in's deferred
-    work is posted to the thread that loaded it, so the host must dispatch its messages; on
-    Linux the plug-in runs a message thread of its own. */
-inline void runMessageLoopFor (std::chrono::milliseconds duration)
-{
-   #if defined (_WIN32)
-    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;)
-    {
-        MSG message;
-        while (PeekMessageW (&message, nullptr, 0, 0, PM_REMOVE))
-        {
-            TranslateMessage (&message);
-            DispatchMessageW (&message);
-        }
-        std::this_thread::sleep_for (std::chrono::milliseconds (5));
-    }
-   #else
-    std::this_thread::sleep_for (duration);
-   #endif
-}
 
 /** One plug-in instance, opened and closed like a host does. */
 class Instance

@@ -61,6 +61,7 @@ TEST (NamedSemaphore, BinaryCountAnyThreadReleasesExtraReleaseDoesNothing)
     auto& semaphore = NamedSemaphore::open (Names::of ("binary"));
     ASSERT_TRUE (semaphore.isValid());
     EXPECT_EQ (&semaphore, &NamedSemaphore::open (Names::of ("binary")));
+    EXPECT_FALSE (NamedSemaphore::open (std::string (200, 'x')).isValid());   // too long to keep
 
     EXPECT_TRUE (semaphore.waitFor (0));
     EXPECT_FALSE (semaphore.waitFor (20));

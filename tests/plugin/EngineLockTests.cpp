@@ -46,15 +46,6 @@ namespace
             lock.release();
         return taken;
     }
-
-    // The largest difference from the given sample on; NaN when either buffer holds one.
-    float maxDifference (const juce::AudioBuffer<float>& a, const juce::AudioBuffer<float>& b, int from = 0)
-    {
-        float worst = 0.0f;
-        for (int i = 2 * from; i < 2 * a.getNumSamples(); ++i)   // both channels
-            worst = std::max (std::abs (a.getSample (i % 2, i / 2) - b.getSample (i % 2, i / 2)), worst);
-        return worst;
-    }
 }
 
 TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
@@ -74,13 +65,13 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
         // only a computation that runs early every time counts.
         for (int attempt = 0; attempt < 5 && outcome == ranEarly; ++attempt)
         {
-            FILE* helper = holder >= otherProcess ? popen ("exec '" QUENDA_LOCK_HELPER_PATH "'", "r") : nullptr;
+            FILE* helper = holder >= otherProcess ? popen ("exec '" QUENDA_LOCK_HOLDER_PATH "'", "r") : nullptr;
             int pid = 0;
 
             if (holder < otherProcess)
                 ASSERT_TRUE (lock.waitFor (2000));
             else
-                ASSERT_TRUE (helper != nullptr && fscanf (helper, "held %d", &pid) == 1) << "the helper did not take the lock";
+                ASSERT_TRUE (helper != nullptr && fscanf (helper, "held %d", &pid) == 1) << "the holder did not take the lock";
 
             // The audio thread goes on with the kernels it has.
             auto block = std::async (std::launch::async, [&] { juce::MidiBuffer midi; processor->processBlock (buffer, midi); });

@@ -100,10 +100,3 @@ TEST (RealtimeSafety, NoBlockAllocatesWhateverItsSizeOrSettings)
         }
     }
 }
-
-int main (int argc, char** argv)
-{
-    juce::ScopedJuceInitialiser_GUI juceInitialiser;   // the kernel computation is posted to it
-    ::testing::InitGoogleTest (&argc, argv);
-    return RUN_ALL_TESTS();
-}

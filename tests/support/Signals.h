@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Test signals every test program shares: reproducible noise and an impulse.
+// Test signals every test program shares: reproducible noise, an impulse, and how far two
+// outputs differ.
 #pragma once
 
 #include <juce_audio_basics/juce_audio_basics.h>
+
+#include <algorithm>
+#include <cmath>
 
 namespace quenda_test
 {
@@ -30,5 +34,20 @@ namespace quenda_test
             impulse.setSample (channel, position, height);
 
         return impulse;
+    }
+
+    /** The largest difference over both channels from the given sample on; NaN when either
+        buffer holds one. */
+    inline float maxDifference (const juce::AudioBuffer<float>& a, const juce::AudioBuffer<float>& b, int from = 0)
+    {
+        float worst = 0.0f;
+        for (int i = 2 * from; i < 2 * a.getNumSamples(); ++i)
+        {
+            const auto difference = std::abs (a.getSample (i % 2, i / 2) - b.getSample (i % 2, i / 2));
+            if (std::isnan (difference))
+                return difference;   // std::max would drop it at the next sample
+            worst = std::max (difference, worst);
+        }
+        return worst;
     }
 }

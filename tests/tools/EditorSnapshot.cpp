@@ -3,6 +3,7 @@
 // Usage: quenda-editor-snapshot OUT.png [scale] [parameter=value ...]
 
 #include "editor/PluginEditor.h"
+#include "processor/ParameterTable.h"
 #include "processor/PluginProcessor.h"
 
 #include <juce_gui_basics/juce_gui_basics.h>
@@ -36,23 +37,15 @@ int main (int argc, char** argv)
     {
         const juce::String setting (argv[i]);
         const auto id = setting.upToFirstOccurrenceOf ("=", false, false);
-        bool found = false;
+        const auto index = ParameterTable::indexOf (id.toStdString());
 
-        for (auto* parameter : processor.getParameters())
-        {
-            if (auto* withId = dynamic_cast<juce::AudioProcessorParameterWithID*> (parameter);
-                withId != nullptr && withId->getParameterID() == id)
-            {
-                parameter->setValue (setting.fromFirstOccurrenceOf ("=", false, false).getFloatValue());
-                found = true;
-            }
-        }
-
-        if (! found)
+        if (index == ParameterTable::numParameters)
         {
             std::cerr << "unknown parameter: " << id << "\n";
             return 2;
         }
+
+        processor.getParameters()[(int) index]->setValue (setting.fromFirstOccurrenceOf ("=", false, false).getFloatValue());
     }
 
     std::unique_ptr<juce::AudioProcessorEditor> editor (processor.createEditor());

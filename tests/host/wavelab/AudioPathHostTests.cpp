@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <tuple>
 
 namespace
 {
@@ -60,84 +61,42 @@ TEST (AudioPath, SteadyTiltInBothPhaseModes)
     }
 }
 
-TEST (AudioPath, TiltGlidingThroughZeroAndSwitchingPhaseMode)
+TEST (AudioPath, SettingsAndBlockSizesChangingMidStream)
 {
-    Session session (256);
-    const float tilts[] = { 0.0f, 0.5f, 0.5f, -0.5f, -0.5f, 0.0f, 0.0f, 0.8f, -1.0f, 0.3f };
+    // Each scenario starts a session and changes its settings before every block.
+    struct Scenario { const char* what; int declared; Settings initial; std::vector<int> sizes; void (*change) (Settings&, int block); };
+    const Scenario scenarios[] {
+        { "tilt gliding through zero, phase mode switching", 256, {}, std::vector<int> (10, 256), [] (Settings& s, int b)
+          {
+              const float tilts[] = { 0.0f, 0.5f, 0.5f, -0.5f, -0.5f, 0.0f, 0.0f, 0.8f, -1.0f, 0.3f };
+              s.tilt = tilts[b];
+              s.linPhase = (b >= 3 && b < 7) ? 1.0f : 0.0f;
+          } },
+        { "shelves, corners and trim", 512, { 0.4f }, std::vector<int> (8, 512), [] (Settings& s, int b)
+          {
+              struct { float low, high, lowFreq, highFreq, trim; } const changes[] {
+                  { 0, 0, 150, 4500, 0 },  { 6, 0, 150, 4500, 0 },      { 6, -3, 150, 4500, -2 },      { 6, -3, 40, 4500, -2 },
+                  { -4.5f, 3, 300, 12000, 5 }, { -4.5f, 3, 300, 12000, 5 }, { 0, 0, 90, 3000, 0 }, { 2, 1.5f, 0.5f, 20000, 1 } };
+              const auto& c = changes[b];
+              std::tie (s.low, s.high, s.lowFreq, s.highFreq, s.trim) = std::tie (c.low, c.high, c.lowFreq, c.highFreq, c.trim);
+          } },
+        { "bypass gliding everything to neutral and back", 512, { -0.8f, 0, 1, 3, 4, -2 }, std::vector<int> (9, 512),
+          [] (Settings& s, int b) { s.bypass = (b >= 3 && b < 6) ? 1.0f : 0.0f; } },
+        { "irregular sizes, single samples", 512, { 0.5f, 0, 0, 0, 3 }, { 512, 100, 1, 37, 512, 1, 1, 300, 511, 64 },
+          [] (Settings& s, int b) { s.tilt = (b % 3 == 0) ? -0.5f : 0.5f; s.linPhase = (b >= 5) ? 1.0f : 0.0f; } },
+        { "blocks longer than declared", 256, { 0.6f }, { 256, 256, 1000, 1000, 256, 700 }, [] (Settings&, int) {} },
+    };
 
-    for (int b = 0; b < 10; ++b)
+    for (const auto& scenario : scenarios)
     {
-        session.settings.tilt = tilts[b];
-        session.settings.linPhase = (b >= 3 && b < 7) ? 1.0f : 0.0f;
-        session.block (256, "glide");
+        Session session (scenario.declared, scenario.initial);
+
+        for (int b = 0; b < (int) scenario.sizes.size(); ++b)
+        {
+            scenario.change (session.settings, b);
+            session.block (scenario.sizes[(size_t) b], scenario.what);
+        }
     }
-}
-
-TEST (AudioPath, ShelvesCornersAndTrimChangingMidStream)
-{
-    Settings settings;
-    settings.tilt = 0.4f;
-    Session session (512, settings);
-
-    struct Change { float low, high, lowFreq, highFreq, trim; };
-    const Change changes[] = { { 0, 0, 150, 4500, 0 },   { 6, 0, 150, 4500, 0 },      { 6, -3, 150, 4500, -2 },
-                               { 6, -3, 40, 4500, -2 },  { -4.5f, 3, 300, 12000, 5 }, { -4.5f, 3, 300, 12000, 5 },
-                               { 0, 0, 90, 3000, 0 },    { 2, 1.5f, 0.5f, 20000, 1 } };
-
-    for (const auto& change : changes)
-    {
-        session.settings.low = change.low;
-        session.settings.high = change.high;
-        session.settings.lowFreq = change.lowFreq;
-        session.settings.highFreq = change.highFreq;
-        session.settings.trim = change.trim;
-        session.block (512, "shelves");
-    }
-}
-
-TEST (AudioPath, BypassGlidesEverythingToNeutralAndBack)
-{
-    Settings settings;
-    settings.tilt = -0.8f;
-    settings.low = 4;
-    settings.high = -2;
-    settings.trim = 3;
-    settings.linPhase = 1;
-    Session session (512, settings);
-
-    for (int b = 0; b < 9; ++b)
-    {
-        session.settings.bypass = (b >= 3 && b < 6) ? 1.0f : 0.0f;
-        session.block (512, "bypass");
-    }
-}
-
-TEST (AudioPath, IrregularBlockSizesIncludingSingleSamples)
-{
-    Settings settings;
-    settings.tilt = 0.5f;
-    settings.low = 3;
-    Session session (512, settings);
-
-    const int sizes[] = { 512, 100, 1, 37, 512, 1, 1, 300, 511, 64 };
-    int b = 0;
-    for (auto n : sizes)
-    {
-        session.settings.tilt = (b % 3 == 0) ? -0.5f : 0.5f;
-        session.settings.linPhase = (b >= 5) ? 1.0f : 0.0f;
-        session.block (n, "irregular");
-        ++b;
-    }
-}
-
-TEST (AudioPath, BlocksLongerThanDeclaredAreProcessedInFull)
-{
-    Settings settings;
-    settings.tilt = 0.6f;
-    Session session (256, settings);
-
-    for (auto n : { 256, 256, 1000, 1000, 256, 700 })
-        session.block (n, "longer block");
 }
 
 TEST (AudioPath, ARateChangeIsProcessedFromItsFirstBlock)
@@ -150,9 +109,7 @@ TEST (AudioPath, ARateChangeIsProcessedFromItsFirstBlock)
     for (int b = 0; b < 3; ++b)
         session.block (512, "48 kHz");
 
-    session.plugin.stop();
-    session.plugin.start (44100.0f, 512);
-    session.model.start (44100.0, 512, session.settings);
+    session.restart (44100.0);
 
     for (int b = 0; b < 4; ++b)
         session.block (512, "44.1 kHz");
@@ -175,9 +132,7 @@ TEST (AudioPath, KernelComputationWaitsWhileAnotherProcessHoldsTheEngineLock)
     ASSERT_TRUE (holder.holding) << "the lock holder did not start";
     const auto start = std::chrono::steady_clock::now();
 
-    session.plugin.stop();
-    session.plugin.start (44100.0f, 512);
-    session.model.start (44100.0, 512, session.settings);
+    session.restart (44100.0);
     session.block (512, "rate changed while the lock is held elsewhere");
 
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds> (std::chrono::steady_clock::now() - start);
