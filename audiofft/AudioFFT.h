@@ -110,9 +110,10 @@ private:
     form (separate real and imaginary arrays, which spectral products vectorise best on). The
     transforms run interleaved, FFTW's fastest form, through the object's own buffer; the
     caller's arrays must come from fftwf_malloc. Forward is unscaled and so is inverse (it
-    returns N times the input). Plans are measured once per size and process (FFTW keeps the
-    wisdom), under the process-wide planner lock; executing them allocates nothing. One
-    object is used from one thread at a time.
+    returns N times the input). Plans come from FFTW's estimate, not from timing runs: timed
+    plans differ from run to run, and so would the last bit of the output (a render repeated
+    would not null against the first). Planning takes the process-wide planner lock;
+    executing allocates nothing. One object is used from one thread at a time.
 */
 class SplitRealFft
 {

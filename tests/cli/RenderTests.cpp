@@ -115,6 +115,11 @@ TEST (Formats, SixteenBitDitherIsReproducibleAndKeepsQuietDetail)
         ASSERT_EQ (render ({ temp ("quiet.wav"), temp (name), "--bit-depth", "16", "-q" }).code, 0);
     EXPECT_EQ (bytes (temp["a.wav"]), bytes (temp["b.wav"]));
 
+    // Through the tilt as well: each run plans its own transforms.
+    for (auto* name : { "tilt-a.wav", "tilt-b.wav" })
+        ASSERT_EQ (render ({ temp ("quiet.wav"), temp (name), "--tilt", "0.5", "--lin-phase", "--bit-depth", "16", "-q" }).code, 0);
+    EXPECT_EQ (bytes (temp["tilt-a.wav"]), bytes (temp["tilt-b.wav"]));
+
     // The tone survives in the dither instead of vanishing, and the noise stays near one step.
     const auto written = readAudio (temp["a.wav"]).audio;
     double correlation = 0.0, error = 0.0;
