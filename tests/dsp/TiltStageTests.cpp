@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <random>
 
@@ -233,4 +234,28 @@ TEST (TiltStage, ResetForgetsThePastAndKeepsNoStaleOutput)
         ASSERT_EQ (s, 0.0f);
 
     bank.release();
+}
+
+// Instances at one rate and block size keep one copy; a design for another rate never reuses it.
+TEST (TiltKernelBank, InstancesAtOneRateShareOneCopyOfTheKernels)
+{
+    const auto layout = TiltStage::layoutFor (512);
+    std::array<TiltKernelBank, 3> banks;
+    const double rates[] = { rate, rate, 44100.0 };
+
+    for (size_t i = 0; i < banks.size(); ++i)
+    {
+        banks[i].prepare (layout, TiltStage::fftSizeFor (512));
+        banks[i].design (rates[i]);
+    }
+
+    const tilt::PartitionedKernels* shared[3] = {};
+    for (size_t i = 0; i < banks.size(); ++i)
+    {
+        shared[i] = banks[i].acquire()->partitions.get();
+        banks[i].release();
+    }
+
+    EXPECT_EQ (shared[0], shared[1]);
+    EXPECT_NE (shared[0], shared[2]);
 }
