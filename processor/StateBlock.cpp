@@ -72,8 +72,10 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
     if (! juce::CharPointer_UTF8::isValidString (utf8, textLength))
         return {};
 
+    // Only the outer element's attributes carry values. JUCE's reader of element content loops
+    // forever on some damaged text (an instruction followed by text), so it is never asked to.
     const auto text = juce::String::fromUTF8 (utf8, textLength);
-    const auto element = juce::parseXML (text);
+    const auto element = juce::XmlDocument (text).getDocumentElement (true);
 
     if (element == nullptr || ! element->getTagName().equalsIgnoreCase ("Params"))
         return {};

@@ -70,6 +70,10 @@ TEST (StateBlock, PartialAndLooseBlocksFollowTheReadingRules)
     EXPECT_EQ (0.0f, valueOf (processor, QuendaAudioProcessor::bypassIndex));
     EXPECT_EQ (0.0f, valueOf (processor, QuendaAudioProcessor::linPhaseIndex));
 
+    // Content inside the element is not read: damaged content neither hides the values nor hangs.
+    restore (processor, blockWithText ("<Params tilt=\"0.25\"><?pi?>text</Params>"));
+    EXPECT_EQ (0.25f, valueOf (processor, QuendaAudioProcessor::tiltIndex));
+
     // A length beyond the block is cut to the block.
     auto longLength = blockWithText ("<Params high=\"1.5\"/>");
     const juce::uint32 tooLong = 100000;
