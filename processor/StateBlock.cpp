@@ -2,6 +2,7 @@
 #include "StateBlock.h"
 
 #include <charconv>
+#include <limits>
 
 namespace StateBlock
 {
@@ -12,6 +13,55 @@ namespace
     {
         const auto id = ParameterTable::entry (index).id;
         return juce::String (id.data(), id.size());
+    }
+}
+
+namespace
+{
+    /** JUCE's number reader overflows an int on an exponent of ten digits or more. From six
+        digits on, a nonzero value is far outside the float range: infinite or zero. */
+    double readNumber (const juce::String& text)
+    {
+        auto t = text.getCharPointer();
+        t.incrementToEndOfWhitespace();
+        const auto negative = *t == '-';
+
+        if (*t == '+' || *t == '-')
+            ++t;
+
+        bool hasDigits = false, isNonZero = false;
+
+        for (bool pointSeen = false; t.isDigit() || (*t == '.' && ! pointSeen); ++t)
+        {
+            pointSeen = pointSeen || *t == '.';
+            hasDigits = hasDigits || t.isDigit();
+            isNonZero = isNonZero || (t.isDigit() && *t != '0');
+        }
+
+        if (hasDigits && (*t == 'e' || *t == 'E'))
+        {
+            ++t;
+            const auto negativeExponent = *t == '-';
+
+            if (*t == '+' || *t == '-')
+                ++t;
+
+            while (*t == '0')
+                ++t;
+
+            int exponentDigits = 0;
+
+            for (; t.isDigit(); ++t)
+                ++exponentDigits;
+
+            if (exponentDigits >= 6)
+            {
+                const auto magnitude = isNonZero && ! negativeExponent ? std::numeric_limits<double>::infinity() : 0.0;
+                return negative ? -magnitude : magnitude;
+            }
+        }
+
+        return text.getDoubleValue();
     }
 }
 
@@ -92,7 +142,7 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
         if (ParameterTable::entry (i).isSwitch)
             restored[i] = element->getBoolAttribute (name) ? 1.0f : 0.0f;
         else
-            restored[i] = (float) element->getDoubleAttribute (name);
+            restored[i] = (float) readNumber (element->getStringAttribute (name));
     }
 
     return restored;
