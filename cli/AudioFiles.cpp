@@ -194,10 +194,10 @@ namespace
     /** JUCE's WAV reader allocates what a chunk header claims before it reads the chunk, so
         a damaged or hostile header could make it ask for gigabytes. Empty when the chunks
         fit in the file (or it is no RIFF/AIFF file); an audio chunk may run past the end,
-        which reading reports as truncation. Notes where the WAV chunks holding XML start:
-        JUCE parses them, reading past the end of malformed text or looping forever on some
-        damaged XML, and renders need none of their metadata. */
-    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& xmlChunkIds)
+        which reading reports as truncation. Notes where the metadata chunks that JUCE reads
+        unsafely start (WAV XML: read past the end of malformed text, or an endless loop on
+        some damaged XML; AIFF 'cate': read past the chunk). Renders need none of them. */
+    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds)
     {
         const auto total = in.getTotalLength();
         char kind[4] {};
@@ -222,8 +222,8 @@ namespace
             const auto start = in.getPosition();
             const auto isAudio = is (id, "data") || is (id, "SSND");
 
-            if (isRiff && (is (id, "iXML") || is (id, "axml")))
-                xmlChunkIds.push_back (start - 8);
+            if (isRiff ? (is (id, "iXML") || is (id, "axml")) : is (id, "cate"))
+                unsafeChunkIds.push_back (start - 8);
 
             const auto name = [&]
             {
@@ -289,13 +289,13 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (stream->failedToOpen())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
 
-    std::vector<juce::int64> xmlChunkIds;
+    std::vector<juce::int64> unsafeChunkIds;
 
-    if (const auto problem = checkChunkSizes (*stream, xmlChunkIds); problem.isNotEmpty())
+    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
     auto watched = std::make_unique<ShortReadWatch> (std::move (stream));
-    watched->hiddenChunkIds = std::move (xmlChunkIds);
+    watched->hiddenChunkIds = std::move (unsafeChunkIds);
 
     for (auto& format : inputFormatsFor (file))
     {
