@@ -2,6 +2,7 @@
 #include "StateBlock.h"
 
 #include <charconv>
+#include <cstring>
 #include <limits>
 
 namespace StateBlock
@@ -115,16 +116,20 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
     if (storedLength <= 0)
         return {};
 
-    const auto textLength = juce::jmin (sizeInBytes - 8, (int) storedLength);
+    // The text ends at its first NUL.
     const auto* utf8 = reinterpret_cast<const char*> (bytes + 8);
+    const auto textLength = (int) ::strnlen (utf8, (size_t) juce::jmin (sizeInBytes - 8, (int) storedLength));
 
     // We only ever write valid UTF-8; JUCE's XML parser reads past the end of malformed text.
     if (! juce::CharPointer_UTF8::isValidString (utf8, textLength))
         return {};
 
-    // Only the outer element's attributes carry values. JUCE's reader of element content loops
-    // forever on some damaged text (an instruction followed by text), so it is never asked to.
-    const auto text = juce::String::fromUTF8 (utf8, textLength);
+    // After a cut "&#x" escape JUCE's parser steps one character past the end: spare NULs
+    // keep it inside the text. Only the outer element's attributes carry values; JUCE's
+    // reader of element content loops forever on some damaged text, so it is never asked to.
+    std::string padded (utf8, (size_t) textLength);
+    padded.append (4, '\0');
+    const auto text = juce::String::fromUTF8 (padded.data(), (int) padded.size());
     const auto element = juce::XmlDocument (text).getDocumentElement (true);
 
     if (element == nullptr || ! element->getTagName().equalsIgnoreCase ("Params"))
