@@ -5,6 +5,7 @@
 
 #include <FLAC/stream_decoder.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -34,15 +35,22 @@ public:
 
     int read (void* destination, int maxBytes) override
     {
+        const auto start = stream->getPosition();
         const auto got = stream->read (destination, maxBytes);
 
         if (got < maxBytes)
             shortRead = true;
 
+        // The readers see these chunks as JUNK and skip them.
+        for (const auto id : hiddenChunkIds)
+            for (juce::int64 i = std::max (id, start); i < std::min (id + 4, start + got); ++i)
+                static_cast<char*> (destination)[i - start] = "JUNK"[i - id];
+
         return got;
     }
 
     bool shortRead = false;
+    std::vector<juce::int64> hiddenChunkIds;
 
 private:
     std::unique_ptr<juce::InputStream> stream;
@@ -188,8 +196,10 @@ namespace
     /** JUCE's WAV reader allocates what a chunk header claims before it reads the chunk, so
         a damaged or hostile header could make it ask for gigabytes. Empty when the chunks
         fit in the file (or it is no RIFF/AIFF file); an audio chunk may run past the end,
-        which reading reports as truncation. */
-    juce::String checkChunkSizes (juce::InputStream& in)
+        which reading reports as truncation. Notes where the metadata chunks that JUCE reads
+        unsafely start (WAV XML: read past the end of malformed text, or an endless loop on
+        some damaged XML; AIFF 'cate': read past the chunk). Renders need none of them. */
+    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds)
     {
         const auto total = in.getTotalLength();
         char kind[4] {};
@@ -214,18 +224,36 @@ namespace
             const auto start = in.getPosition();
             const auto isAudio = is (id, "data") || is (id, "SSND");
 
+            if (isRiff ? (is (id, "iXML") || is (id, "axml")) : is (id, "cate"))
+                unsafeChunkIds.push_back (start - 8);
+
+            const auto name = [&]
+            {
+                juce::String printable;
+                for (auto c : id)
+                    printable << (c >= 32 && c < 127 ? c : '?');
+                return printable;
+            };
+
             if (size > total - start)
             {
                 // RF64 keeps its real sizes in the ds64 chunk and writes 0xffffffff here.
                 if (isAudio || (is (kind, "RF64") && size == 0xffffffff))
                     return {};
 
-                juce::String name;
-                for (auto c : id)
-                    name << (c >= 32 && c < 127 ? c : '?');
-
-                return "damaged header: its '" + name + "' chunk claims " + juce::String (size)
+                return "damaged header: its '" + name() + "' chunk claims " + juce::String (size)
                        + " bytes, more than the file holds";
+            }
+
+            // JUCE's AIFF reader reads as many markers or comments as the count says, past the
+            // chunk and the file's end: up to 65535 of them, for seconds. Each takes 8 bytes or more.
+            if (bigEndian && (is (id, "MARK") || is (id, "COMT")))
+            {
+                const auto count = size >= 2 ? (juce::int64) (juce::uint16) in.readShortBigEndian() : 0;
+
+                if (size < 2 || 2 + count * 8 > size)
+                    return "damaged header: its '" + name() + "' chunk lists " + juce::String (count)
+                           + " entries in " + juce::String (size) + " bytes";
             }
 
             in.setPosition (start + size + (size & 1));
@@ -263,11 +291,14 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (stream->failedToOpen())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
 
-    if (const auto problem = checkChunkSizes (*stream); problem.isNotEmpty())
+    std::vector<juce::int64> unsafeChunkIds;
+
+    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
     // Reads of one block at a time would each be a system call.
     auto watched = std::make_unique<ShortReadWatch> (std::make_unique<juce::BufferedInputStream> (stream.release(), 1 << 16, true));
+    watched->hiddenChunkIds = std::move (unsafeChunkIds);
 
     for (auto& format : inputFormatsFor (file))
     {

@@ -2,6 +2,8 @@
 #include "StateBlock.h"
 
 #include <charconv>
+#include <cstring>
+#include <limits>
 
 namespace StateBlock
 {
@@ -12,6 +14,55 @@ namespace
     {
         const auto id = ParameterTable::entry (index).id;
         return juce::String (id.data(), id.size());
+    }
+}
+
+namespace
+{
+    /** JUCE's number reader overflows an int on an exponent of ten digits or more. From six
+        digits on, a nonzero value is far outside the float range: infinite or zero. */
+    double readNumber (const juce::String& text)
+    {
+        auto t = text.getCharPointer();
+        t.incrementToEndOfWhitespace();
+        const auto negative = *t == '-';
+
+        if (*t == '+' || *t == '-')
+            ++t;
+
+        bool hasDigits = false, isNonZero = false;
+
+        for (bool pointSeen = false; t.isDigit() || (*t == '.' && ! pointSeen); ++t)
+        {
+            pointSeen = pointSeen || *t == '.';
+            hasDigits = hasDigits || t.isDigit();
+            isNonZero = isNonZero || (t.isDigit() && *t != '0');
+        }
+
+        if (hasDigits && (*t == 'e' || *t == 'E'))
+        {
+            ++t;
+            const auto negativeExponent = *t == '-';
+
+            if (*t == '+' || *t == '-')
+                ++t;
+
+            while (*t == '0')
+                ++t;
+
+            int exponentDigits = 0;
+
+            for (; t.isDigit(); ++t)
+                ++exponentDigits;
+
+            if (exponentDigits >= 6)
+            {
+                const auto magnitude = isNonZero && ! negativeExponent ? std::numeric_limits<double>::infinity() : 0.0;
+                return negative ? -magnitude : magnitude;
+            }
+        }
+
+        return text.getDoubleValue();
     }
 }
 
@@ -65,15 +116,21 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
     if (storedLength <= 0)
         return {};
 
-    const auto textLength = juce::jmin (sizeInBytes - 8, (int) storedLength);
+    // The text ends at its first NUL.
     const auto* utf8 = reinterpret_cast<const char*> (bytes + 8);
+    const auto textLength = (int) ::strnlen (utf8, (size_t) juce::jmin (sizeInBytes - 8, (int) storedLength));
 
     // We only ever write valid UTF-8; JUCE's XML parser reads past the end of malformed text.
     if (! juce::CharPointer_UTF8::isValidString (utf8, textLength))
         return {};
 
-    const auto text = juce::String::fromUTF8 (utf8, textLength);
-    const auto element = juce::parseXML (text);
+    // After a cut "&#x" escape JUCE's parser steps one character past the end: spare NULs
+    // keep it inside the text. Only the outer element's attributes carry values; JUCE's
+    // reader of element content loops forever on some damaged text, so it is never asked to.
+    std::string padded (utf8, (size_t) textLength);
+    padded.append (4, '\0');
+    const auto text = juce::String::fromUTF8 (padded.data(), (int) padded.size());
+    const auto element = juce::XmlDocument (text).getDocumentElement (true);
 
     if (element == nullptr || ! element->getTagName().equalsIgnoreCase ("Params"))
         return {};
@@ -90,7 +147,7 @@ std::optional<Restored> read (const void* data, int sizeInBytes)
         if (ParameterTable::entry (i).isSwitch)
             restored[i] = element->getBoolAttribute (name) ? 1.0f : 0.0f;
         else
-            restored[i] = (float) element->getDoubleAttribute (name);
+            restored[i] = (float) readNumber (element->getStringAttribute (name));
     }
 
     return restored;

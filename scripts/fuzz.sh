@@ -6,6 +6,8 @@
 #
 #   bash scripts/fuzz.sh [SECONDS_PER_TARGET] [TARGET...]     # default: 3600 s, all five
 #
+# FUZZ_RUNS=N stops a target after N inputs if that comes first (e.g. 10000000).
+#
 # Targets: quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,7 +33,7 @@ for target in "${targets[@]}"; do
     mkdir -p "$folder/$target-corpus"
     echo "fuzz: $target for $seconds s (log: $log)"
 
-    if ! nice -n 10 "$folder/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    if ! nice -n 10 "$folder/$target" -runs="${FUZZ_RUNS:--1}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
             -print_final_stats=1 -artifact_prefix="$folder/$target-" "$folder/$target-corpus" "$seeds" > "$log" 2>&1; then
         echo "fuzz: $target FOUND A PROBLEM:"
         grep -A30 "ERROR\|==[0-9]*==\|deadly signal\|runtime error" "$log" | head -n 60

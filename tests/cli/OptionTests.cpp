@@ -6,6 +6,7 @@
 #include "Options.h"
 
 #include <csignal>
+#include <cstring>
 #include <sys/resource.h>
 
 namespace quenda::cli::test
@@ -36,6 +37,8 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
     temp["cut.flac"].replaceWithData (flac.getData(), flac.getSize() * 2 / 3);
     static_cast<char*> (flac.getData())[flac.getSize() / 2] ^= 0x5a;
     temp["flipped.flac"].replaceWithData (flac.getData(), flac.getSize());
+    const char comments[] = "FORM\0\0\0\x0e" "AIFFCOMT\0\0\0\x02\xff\xff";
+    temp["comments.aiff"].replaceWithData (comments, sizeof (comments) - 1);
     temp["text.wav"].replaceWithText ("this is not audio at all, just text pretending to be a WAV file");
     temp["folder.wav"].createDirectory();
     temp["out.wav"].replaceWithText ("keep me");
@@ -61,6 +64,7 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
         { { temp ("cut.flac"), fresh },                   ExitCode::badFormat,        "is truncated" },
         { { temp ("flipped.flac"), fresh },               ExitCode::badFormat,        "is damaged" },
         { { temp ("text.wav"), fresh },                   ExitCode::badFormat,        "not a WAV, AIFF or FLAC file" },
+        { { temp ("comments.aiff"), fresh },              ExitCode::badFormat,        "'COMT' chunk lists 65535 entries" },
         { { temp ("surround.wav"), fresh },               ExitCode::badFormat,        "has 3 channels" },
         { { temp ("missing.wav"), fresh },                ExitCode::inputUnreadable,  "no such file" },
         { { temp ("folder.wav"), fresh },                 ExitCode::inputUnreadable,  "is a folder" },
@@ -79,6 +83,15 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
     EXPECT_EQ (bytes (temp["in.wav"]), input);
     EXPECT_EQ (render ({ in, temp ("out.wav"), "-y", "-q" }).code, 0);
     EXPECT_EQ (readAudio (temp["out.wav"]).audio.getNumSamples(), 1000);
+
+    // XML metadata on which JUCE's parser loops forever is skipped, not parsed.
+    auto tagged = bytes (temp["in.wav"]);
+    const char ixml[] = "iXML\x1c\0\0\0<BWFXML><?pi?>text </BWFXML>";
+    tagged.append (ixml, sizeof (ixml) - 1);
+    const auto riffSize = (juce::uint32) tagged.getSize() - 8;
+    std::memcpy (static_cast<char*> (tagged.getData()) + 4, &riffSize, 4);
+    temp["tagged.wav"].replaceWithData (tagged.getData(), tagged.getSize());
+    EXPECT_EQ (render ({ temp ("tagged.wav"), temp ("tagged-out.wav"), "-q" }).code, 0);
 }
 
 TEST (Options, WriteFailingMidRenderLeavesNoFile)

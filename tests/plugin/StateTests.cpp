@@ -70,6 +70,15 @@ TEST (StateBlock, PartialAndLooseBlocksFollowTheReadingRules)
     EXPECT_EQ (0.0f, valueOf (processor, QuendaAudioProcessor::bypassIndex));
     EXPECT_EQ (0.0f, valueOf (processor, QuendaAudioProcessor::linPhaseIndex));
 
+    // Exponents too long for JUCE's number reader: far out of range, so infinite (ignored) or zero.
+    restore (processor, blockWithText ("<Params low=\"1e4294967297\" trim=\"5e-4294967297\"/>"));
+    EXPECT_EQ (2.5f, valueOf (processor, QuendaAudioProcessor::lowIndex));
+    EXPECT_EQ (0.0f, valueOf (processor, QuendaAudioProcessor::trimIndex));
+
+    // Content inside the element is not read: damaged content neither hides the values nor hangs.
+    restore (processor, blockWithText ("<Params tilt=\"0.25\"><?pi?>text</Params>"));
+    EXPECT_EQ (0.25f, valueOf (processor, QuendaAudioProcessor::tiltIndex));
+
     // A length beyond the block is cut to the block.
     auto longLength = blockWithText ("<Params high=\"1.5\"/>");
     const juce::uint32 tooLong = 100000;
