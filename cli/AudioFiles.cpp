@@ -577,7 +577,6 @@ AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat&
     stream.release();
     integerSamples.resize ((size_t) numChannels * conversionChunk);
     channelData.resize ((size_t) numChannels + 1, nullptr);
-    sourceData.resize ((size_t) numChannels, nullptr);
 }
 
 AudioFileWriter::~AudioFileWriter() = default;
@@ -647,14 +646,13 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
         // the result.
         constexpr double scale = 32768.0;
 
-        for (int channel = 0; channel < numChannels; ++channel)
-            sourceData[(size_t) channel] = block.getReadPointer (channel, start);
+        const auto* const* sources = block.getArrayOfReadPointers();
 
         for (int i = 0; i < numSamples; ++i)
         {
             for (int channel = 0; channel < numChannels; ++channel)
             {
-                const auto sample = (double) sourceData[(size_t) channel][i];
+                const auto sample = (double) sources[channel][start + i];
                 const auto exact = sample * scale + DitherSequence::nextDifference (ditherState) + 0.5;
 
                 // Limited first, then floored by truncation: the same level as a floor

@@ -15,10 +15,7 @@ namespace
         const auto id = ParameterTable::entry (index).id;
         return juce::String (id.data(), id.size());
     }
-}
 
-namespace
-{
     /** JUCE's number reader overflows an int on an exponent of ten digits or more. From six
         digits on, a nonzero value is far outside the float range: infinite or zero. */
     double readNumber (const juce::String& text)

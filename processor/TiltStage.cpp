@@ -14,7 +14,6 @@ namespace
     {
         struct Entry
         {
-            tilt::PartitionLayout layout;
             TiltKernelTaps taps;
             tilt::PartitionedKernels partitions;
         };
@@ -30,7 +29,7 @@ namespace
         {
             if (auto entry = weak.lock())
             {
-                if (entry->layout.levels == layout.levels
+                if (entry->partitions.getLayout().levels == layout.levels
                     && entry->taps.linearFalling == taps.linearFalling && entry->taps.linearRising == taps.linearRising
                     && entry->taps.minimumFalling == taps.minimumFalling && entry->taps.minimumRising == taps.minimumRising)
                     return { entry, &entry->partitions };
@@ -38,7 +37,6 @@ namespace
         }
 
         auto entry = std::make_shared<Entry>();
-        entry->layout = layout;
         entry->taps = taps;
         entry->partitions.prepare (layout);
         entry->partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
