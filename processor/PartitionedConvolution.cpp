@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cmath>
 #include <cstring>
 
 namespace tilt
@@ -234,6 +235,18 @@ void PartitionedConvolver::prepare (const PartitionLayout& layout)
         // The head needs its partitions' chunks; a later level also the chunks of the
         // windows still in flight when a kernel is switched in (see catchUp).
         level.slots = level.numPartitions + 4;
+
+        // Half a partition of the level before puts this level's transforms between its
+        // ones, where the window's deadline allows.
+        if (l >= 2)
+        {
+            const auto headSize = layout.levels.front().partitionSize;
+            const auto slack = level.firstTap - 2 * level.size;
+            level.offset = std::max (0, std::min (layout.levels[l - 1].partitionSize / 2, slack)) / headSize * headSize;
+        }
+
+        // A real FFT of 2B points costs about as much as this many B-bin complex products.
+        level.transformCost = 0.8f * std::log2 (2.0f * (float) level.size);
         level.fft.init (2 * level.size);
         level.spectraRe.resize ((size_t) (level.slots * level.stride));
         level.spectraIm.resize ((size_t) (level.slots * level.stride));
@@ -408,28 +421,53 @@ void PartitionedConvolver::advanceLevel (int l, const PartitionedKernels& kernel
     auto& level = levels[(size_t) l];
     const auto stages = level.numPartitions + 2;
 
-    // Work due by now: all of it one partition after the chunk was complete, which is when
-    // its window begins.
+    // Work due by now, in proportion to its cost, all of it by the time the window begins.
+    // The inverse transform waits for that last call, so that it falls at the other end of
+    // the interval from the forward one.
     if (level.jobChunk >= 0)
     {
         const auto elapsed = time - level.jobStart;
-        const auto due = elapsed >= level.size ? stages
-                                               : (int) ((elapsed * stages + level.size - 1) / level.size);
+        const auto all = elapsed >= level.size;
+        const auto due = level.jobCost * (float) elapsed / (float) level.size;
 
-        while (level.jobStage < due)
+        while (level.jobStage < stages && (all || (level.jobStage < stages - 1 && level.jobDone < due)))
+        {
+            level.jobDone += stageCost (l, kernels, level.jobStage);
             runStage (l, kernels);
+        }
 
         if (level.jobStage == stages)
             level.jobChunk = -1;
     }
 
-    if (time % level.size == 0)
+    const auto sinceStart = time - level.offset;
+
+    if (sinceStart >= level.size && sinceStart % level.size == 0)
     {
-        level.jobChunk = time / level.size - 1;
+        level.jobChunk = sinceStart / level.size - 1;
         level.jobStart = time;
         level.jobStage = 0;
         level.jobMask = activeMask;
+        level.jobDone = 0;
+        level.jobCost = 0;
+
+        for (int stage = 0; stage < stages; ++stage)
+            level.jobCost += stageCost (l, kernels, stage);
     }
+}
+
+float PartitionedConvolver::stageCost (int l, const PartitionedKernels& kernels, int stage) const noexcept
+{
+    const auto& level = levels[(size_t) l];
+
+    if (stage == 0)
+        return level.transformCost;
+
+    auto kernelsAt = 0;
+    const auto p = stage <= level.numPartitions ? stage - 1 : 0;
+    forEachKernel (level.jobMask, [&] (int k) { kernelsAt += p < kernels.usedPartitions (l, k) ? 1 : 0; });
+
+    return stage <= level.numPartitions ? (float) kernelsAt : (float) kernelsAt * level.transformCost;
 }
 
 void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) noexcept
@@ -544,7 +582,8 @@ void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned 
     {
         auto& level = levels[(size_t) l];
 
-        for (auto chunk = time / level.size - 1; chunk >= 0; --chunk)
+        // Chunks whose job has not started yet get the new kernels from that job.
+        for (auto chunk = (time - level.offset) / level.size - 1; chunk >= 0; --chunk)
         {
             if (chunk * level.size + level.firstTap + level.size <= time)
                 break;
