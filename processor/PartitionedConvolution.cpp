@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cmath>
 #include <cstring>
 
 namespace tilt
@@ -13,10 +12,9 @@ namespace
 {
     constexpr int smallestHead = 32;
     constexpr int largestHead = 2048;
-    constexpr int headPartitions = 8;     // the head reaches twice the next level's partition
-    constexpr int levelPartitions = 6;    // [2B, 8B): the next level starts at twice its size
-    constexpr int levelGrowth = 4;
-    constexpr int maxLevelRatio = 8;
+    constexpr int tailGrowth = 8;                    // tail partitions: eight head partitions
+    constexpr int headPartitions = 2 * tailGrowth;  // the tail starts at twice its partition
+    constexpr int singleLevelPartitions = 32;
 
     int64_t powerOfTwoAtLeast (int64_t value) noexcept
     {
@@ -105,26 +103,19 @@ PartitionLayout PartitionLayout::forBlockSize (int maximumBlockSize, int numTaps
         head *= 2;
 
     PartitionLayout layout;
-    // Large heads reach the whole kernel on their own: one level, no transforms of a second size.
-    const auto headLimit = head >= 256 ? 4 * headPartitions : headPartitions;
+    // Large heads reach the whole kernel on their own: no transforms of a second size.
+    const auto headLimit = head >= 256 ? singleLevelPartitions : headPartitions;
     const auto headCount = std::max (1, std::min (headLimit, (numTaps + head - 1) / head));
     layout.levels.push_back ({ head, 0, headCount });
 
-    auto covered = head * headCount;
-    auto size = head;
+    // One tail level of large partitions. A middle level would save products but cost a
+    // third transform size, which small heads pay for more than they save.
+    const auto covered = head * headCount;
 
-    // A level's forward or inverse transform is one indivisible piece of work: past eight
-    // head partitions it would stand out of the blocks it is spread over, so the last level
-    // takes more partitions of that size instead.
-    const auto largest = head * maxLevelRatio;
-
-    while (covered < numTaps)
+    if (covered < numTaps)
     {
-        size = std::min (size * levelGrowth, largest);
-        const auto remaining = (numTaps - covered + size - 1) / size;
-        const auto count = size == largest ? remaining : std::min (levelPartitions, remaining);
-        layout.levels.push_back ({ size, covered, count });
-        covered += size * count;
+        const auto size = head * tailGrowth;
+        layout.levels.push_back ({ size, covered, (numTaps - covered + size - 1) / size });
     }
 
     return layout;
@@ -235,18 +226,6 @@ void PartitionedConvolver::prepare (const PartitionLayout& layout)
         // The head needs its partitions' chunks; a later level also the chunks of the
         // windows still in flight when a kernel is switched in (see catchUp).
         level.slots = level.numPartitions + 4;
-
-        // Half a partition of the level before puts this level's transforms between its
-        // ones, where the window's deadline allows.
-        if (l >= 2)
-        {
-            const auto headSize = layout.levels.front().partitionSize;
-            const auto slack = level.firstTap - 2 * level.size;
-            level.offset = std::max (0, std::min (layout.levels[l - 1].partitionSize / 2, slack)) / headSize * headSize;
-        }
-
-        // A real FFT of 2B points costs about as much as this many B-bin complex products.
-        level.transformCost = 0.8f * std::log2 (2.0f * (float) level.size);
         level.fft.init (2 * level.size);
         level.spectraRe.resize ((size_t) (level.slots * level.stride));
         level.spectraIm.resize ((size_t) (level.slots * level.stride));
@@ -419,55 +398,45 @@ void PartitionedConvolver::addTail (unsigned mask, float* const* out, int outOff
 void PartitionedConvolver::advanceLevel (int l, const PartitionedKernels& kernels) noexcept
 {
     auto& level = levels[(size_t) l];
-    const auto stages = level.numPartitions + 2;
+    const auto products = level.numPartitions;
 
-    // Work due by now, in proportion to its cost, all of it by the time the window begins.
-    // The inverse transform waits for that last call, so that it falls at the other end of
-    // the interval from the forward one.
+    // The forward transform in the first call after the chunk is complete, the inverse in the
+    // call that reaches the window's start, the products spread evenly over the calls between:
+    // the two transforms are the largest indivisible pieces, so they get calls of their own.
     if (level.jobChunk >= 0)
     {
         const auto elapsed = time - level.jobStart;
-        const auto all = elapsed >= level.size;
-        const auto due = level.jobCost * (float) elapsed / (float) level.size;
 
-        while (level.jobStage < stages && (all || (level.jobStage < stages - 1 && level.jobDone < due)))
+        if (elapsed >= level.size)
         {
-            level.jobDone += stageCost (l, kernels, level.jobStage);
+            while (level.jobStage < products + 2)
+                runStage (l, kernels);
+        }
+        else if (level.jobStage == 0)
+        {
             runStage (l, kernels);
+            level.jobFirstCall = elapsed;
+        }
+        else
+        {
+            const auto span = std::max<int64_t> (1, level.size - 2 * level.jobFirstCall);
+            const auto due = std::min<int64_t> (products, (products * (elapsed - level.jobFirstCall) + span - 1) / span);
+
+            while (level.jobStage <= due)
+                runStage (l, kernels);
         }
 
-        if (level.jobStage == stages)
+        if (level.jobStage == products + 2)
             level.jobChunk = -1;
     }
 
-    const auto sinceStart = time - level.offset;
-
-    if (sinceStart >= level.size && sinceStart % level.size == 0)
+    if (time % level.size == 0)
     {
-        level.jobChunk = sinceStart / level.size - 1;
+        level.jobChunk = time / level.size - 1;
         level.jobStart = time;
         level.jobStage = 0;
         level.jobMask = activeMask;
-        level.jobDone = 0;
-        level.jobCost = 0;
-
-        for (int stage = 0; stage < stages; ++stage)
-            level.jobCost += stageCost (l, kernels, stage);
     }
-}
-
-float PartitionedConvolver::stageCost (int l, const PartitionedKernels& kernels, int stage) const noexcept
-{
-    const auto& level = levels[(size_t) l];
-
-    if (stage == 0)
-        return level.transformCost;
-
-    auto kernelsAt = 0;
-    const auto p = stage <= level.numPartitions ? stage - 1 : 0;
-    forEachKernel (level.jobMask, [&] (int k) { kernelsAt += p < kernels.usedPartitions (l, k) ? 1 : 0; });
-
-    return stage <= level.numPartitions ? (float) kernelsAt : (float) kernelsAt * level.transformCost;
 }
 
 void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) noexcept
@@ -582,8 +551,7 @@ void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned 
     {
         auto& level = levels[(size_t) l];
 
-        // Chunks whose job has not started yet get the new kernels from that job.
-        for (auto chunk = (time - level.offset) / level.size - 1; chunk >= 0; --chunk)
+        for (auto chunk = time / level.size - 1; chunk >= 0; --chunk)
         {
             if (chunk * level.size + level.firstTap + level.size <= time)
                 break;

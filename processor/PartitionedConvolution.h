@@ -13,12 +13,11 @@
     A kernel is cut into levels of uniform partitions (overlap-save, FFT size twice the
     partition). The head level has the smallest partitions and is computed inside every
     call, from whatever part of its current chunk has arrived, so a 1-sample call returns 1
-    finished sample. Each further level has partitions four times larger and starts at
-    twice its partition size into the kernel: its output is due one partition after its
-    input chunk is complete, so its work (one forward FFT, one spectral product per
-    partition, one inverse FFT) is spread over the calls of that interval, by cost, instead
-    of landing on one block. A level with more slack than that starts its work later, so
-    that its transforms fall between those of the level before.
+    finished sample. A tail level, where needed, has partitions eight times larger and
+    starts at twice its partition size into the kernel: its output is due one partition
+    after its input chunk is complete, so its work (one forward FFT, one spectral product
+    per partition, one inverse FFT) is spread over the calls of that interval instead of
+    landing on one block.
 
     Input spectra are stored once per level and shared by up to four kernels; a call asks
     for the kernels it needs with a bit mask, and only those get spectral products and
@@ -122,8 +121,6 @@ namespace tilt
             int numPartitions = 0;
             int stride = 0;
             int slots = 0;             // stored input spectra, a ring
-            int offset = 0;            // delay of this level's jobs behind its chunks
-            float transformCost = 0;   // one FFT in units of one partition's product
             audiofft::SplitRealFft fft;
             audiofft::AlignedFloats spectraRe, spectraIm;
             audiofft::AlignedFloats segment;       // 2B
@@ -136,7 +133,7 @@ namespace tilt
             int64_t jobStart = 0;
             int jobStage = 0;
             unsigned jobMask = 0;
-            float jobCost = 0, jobDone = 0;
+            int64_t jobFirstCall = 0;  // samples from the chunk's end to the forward transform
 
             // Ring slot of a chunk's spectrum, and the slot p chunks before a given one.
             int slotOf (int64_t chunk) const noexcept;
@@ -153,7 +150,6 @@ namespace tilt
         void addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept;
         void advanceLevel (int level, const PartitionedKernels& kernels) noexcept;
         void runStage (int level, const PartitionedKernels& kernels) noexcept;
-        float stageCost (int level, const PartitionedKernels& kernels, int stage) const noexcept;
         void accumulateWindow (int level, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
         void addWindowToTail (int level, int k, int64_t chunk) noexcept;
         void catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept;
