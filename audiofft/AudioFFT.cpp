@@ -8,6 +8,8 @@
 namespace audiofft
 {
 
+extern const char* const shippedWisdom;
+
 namespace
 {
     // FFTW's planner keeps global state: no two plan creations or destructions may
@@ -16,6 +18,21 @@ namespace
     {
         static std::mutex mutex;
         return mutex;
+    }
+
+    // Both under the planner lock.
+    bool wisdomLoaded = false;
+    bool measuring = false;
+
+    unsigned streamingPlanFlags()
+    {
+        if (! wisdomLoaded)
+        {
+            fftwf_import_wisdom_from_string (shippedWisdom);
+            wisdomLoaded = true;
+        }
+
+        return measuring ? FFTW_PATIENT : FFTW_PATIENT | FFTW_WISDOM_ONLY;
     }
 
     template <typename T>
@@ -167,8 +184,30 @@ void SplitRealFft::init (int size)
     interleaved = allocate<float> (2 * numBins);
     auto* bins = reinterpret_cast<fftwf_complex*> (interleaved.get());
 
-    forwardPlan.reset (fftwf_plan_dft_r2c_1d (size, time.get(), bins, FFTW_ESTIMATE));
-    inversePlan.reset (fftwf_plan_dft_c2r_1d (size, bins, time.get(), FFTW_ESTIMATE));
+    const auto flags = streamingPlanFlags();
+    forwardPlan.reset (fftwf_plan_dft_r2c_1d (size, time.get(), bins, flags));
+    inversePlan.reset (fftwf_plan_dft_c2r_1d (size, bins, time.get(), flags));
+
+    if (forwardPlan == nullptr)
+        forwardPlan.reset (fftwf_plan_dft_r2c_1d (size, time.get(), bins, FFTW_ESTIMATE));
+
+    if (inversePlan == nullptr)
+        inversePlan.reset (fftwf_plan_dft_c2r_1d (size, bins, time.get(), FFTW_ESTIMATE));
+}
+
+void measureStreamingPlans()
+{
+    const std::lock_guard<std::mutex> lock (plannerMutex());
+    fftwf_forget_wisdom();
+    wisdomLoaded = true;
+    measuring = true;
+}
+
+std::string exportWisdom()
+{
+    const std::lock_guard<std::mutex> lock (plannerMutex());
+    const std::unique_ptr<char, decltype (&fftwf_free)> text (fftwf_export_wisdom_to_string(), &fftwf_free);
+    return text != nullptr ? std::string (text.get()) : std::string();
 }
 
 void SplitRealFft::forward (float* time, float* re, float* im) noexcept

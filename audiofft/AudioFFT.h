@@ -4,6 +4,7 @@
 #include <complex>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <fftw3.h>
@@ -138,6 +139,13 @@ private:
     detail::FftwPlan forwardPlan, inversePlan;
     detail::FftwArray<float> interleaved;    // N/2 + 1 complex values
 };
+
+/** Streaming transform plans come from FFTW wisdom measured once and shipped with the code:
+    as fast as plans measured at start-up, yet the same in every run, so that renders repeat
+    to the bit. A size the wisdom lacks (or an FFTW that refuses it) is planned by estimate.
+    The two functions below are for the tool that makes that wisdom. */
+void measureStreamingPlans();
+std::string exportWisdom();
 
 /** fftwf_malloc'd float storage, zero-filled, sized once. */
 class AlignedFloats

@@ -94,3 +94,28 @@ TEST (FFTW3FFT, ConcurrentInitialisationFromSeveralThreads)
         thread.join();
     EXPECT_EQ (failures[0] + failures[1] + failures[2] + failures[3], 0);
 }
+
+namespace audiofft
+{
+    extern const char* const shippedWisdom;
+}
+
+// A stale wisdom (new sizes, another FFTW) silently falls back to slower estimated plans.
+TEST (SplitRealFft, ShippedWisdomCoversEveryStreamingSize)
+{
+    audiofft::SplitRealFft loader;
+    loader.init (64);
+
+    if (fftwf_import_wisdom_from_string (audiofft::shippedWisdom) == 0)
+        GTEST_SKIP() << "this FFTW (" << fftwf_version << ") does not take the shipped wisdom";
+
+    for (int size : { 64, 128, 256, 512, 1024, 2048, 4096 })
+    {
+        audiofft::AlignedFloats time ((size_t) size), bins ((size_t) size + 2);
+        auto* spectrum = reinterpret_cast<fftwf_complex*> (bins.data());
+        auto* plan = fftwf_plan_dft_r2c_1d (size, time.data(), spectrum, FFTW_PATIENT | FFTW_WISDOM_ONLY);
+        EXPECT_NE (plan, nullptr) << size;
+        if (plan != nullptr)
+            fftwf_destroy_plan (plan);
+    }
+}

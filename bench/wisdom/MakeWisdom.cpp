@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Measures the streaming transforms' plans and writes them as the wisdom the library ships.
+// Run on the build machine by scripts/make-fftw-wisdom.sh; commit the file it writes.
+#include "audiofft/AudioFFT.h"
+
+#include <cstdio>
+#include <fstream>
+#include <initializer_list>
+
+int main (int argc, char** argv)
+{
+    if (argc != 2)
+    {
+        std::fprintf (stderr, "usage: %s OUTPUT.cpp\n", argv[0]);
+        return 2;
+    }
+
+    audiofft::measureStreamingPlans();
+
+    // Every transform size the partitioned convolution uses: twice each partition size.
+    for (int size : { 64, 128, 256, 512, 1024, 2048, 4096 })
+    {
+        audiofft::SplitRealFft fft;
+        fft.init (size);
+    }
+
+    const auto wisdom = audiofft::exportWisdom();
+
+    if (wisdom.empty() || wisdom.find (')') == std::string::npos)
+    {
+        std::fprintf (stderr, "FFTW exported no wisdom\n");
+        return 1;
+    }
+
+    std::ofstream out (argv[1]);
+    out << "// SPDX-License-Identifier: GPL-3.0-or-later\n"
+           "// FFTW wisdom for the streaming transforms, written by bench/wisdom/MakeWisdom.cpp\n"
+           "// (scripts/make-fftw-wisdom.sh). Do not edit by hand.\n"
+           "namespace audiofft\n{\n"
+           "extern const char* const shippedWisdom;\n"
+           "const char* const shippedWisdom = R\"wisdom(" << wisdom << ")wisdom\";\n"
+           "}\n";
+
+    if (! out.good())
+    {
+        std::fprintf (stderr, "cannot write %s\n", argv[1]);
+        return 1;
+    }
+
+    std::printf ("%zu bytes of wisdom written to %s\n", wisdom.size(), argv[1]);
+    return 0;
+}
