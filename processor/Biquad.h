@@ -53,6 +53,13 @@ public:
     }
 
     // Fixed-point section: no processing path uses it, but every design resets its history.
+    /** Two channels, each through a cascade of two sections (first, then second), in place.
+        The same arithmetic as process(), sample for sample and bit for bit, with the two
+        channels side by side in one vector register. */
+    static void processStereoCascade (Biquad& firstLeft, Biquad& firstRight,
+                                      Biquad& secondLeft, Biquad& secondRight,
+                                      float* left, float* right, int n) noexcept;
+
     int32_t fixedMode = 1;
     int64_t fixedHistory[6] = {};
     int64_t fixedAccumulator = 0;

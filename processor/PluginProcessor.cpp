@@ -417,7 +417,7 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
 
     if (allSteady && shelfChannels == 2)
     {
-        // No glide: the four recurrences run side by side, which the processor overlaps.
+        // No glide: both channels side by side, low shelf then high shelf.
         for (int index = 0; index < 4; ++index)
         {
             smoothers[index].current = smoothers[index].target;
@@ -429,16 +429,8 @@ void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int
             }
         }
 
-        auto* left = buffer.getWritePointer (0);
-        auto* right = buffer.getWritePointer (1);
-
-        for (int i = 0; i < n; ++i)
-        {
-            const auto lowLeft = filters[0].process (left[i]);
-            const auto lowRight = filters[1].process (right[i]);
-            left[i] = filters[2].process (lowLeft);
-            right[i] = filters[3].process (lowRight);
-        }
+        Biquad::processStereoCascade (filters[0], filters[1], filters[2], filters[3],
+                                      buffer.getWritePointer (0), buffer.getWritePointer (1), n);
     }
     else
     {

@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <complex>
+#include <vector>
 
 namespace
 {
@@ -84,4 +86,40 @@ TEST (Biquad, ConfigureRedesignsOnlyOnANewGainAndNeverTouchesTheState)
     EXPECT_NE (z1, 0.0);   // and mid-stream, without a click
     EXPECT_EQ (b.z1, z1);
     EXPECT_EQ (b.z2, z2);
+}
+
+// The stereo path must be the one-channel recurrence to the bit, each channel in its own lane.
+TEST (Biquad, StereoCascadeMatchesTheSingleSectionsExactly)
+{
+    auto shelves = [] (double lowGain, double highGain)
+    {
+        std::array<Biquad, 4> s;   // low left, low right, high left, high right
+        for (int c = 0; c < 2; ++c)
+        {
+            s[(size_t) c].configure (Biquad::lowShelfQ, 140.0 + 60.0 * c, 0.5, lowGain + c, 48000.0);
+            s[(size_t) c + 2].configure (Biquad::highShelfMirrored, 5000.0 - 900.0 * c, 0.5, highGain - c, 48000.0);
+        }
+        return s;
+    };
+    auto stereo = shelves (5.0, -7.0), mono = shelves (5.0, -7.0);
+
+    std::vector<float> left (777), right (777);
+    for (size_t i = 0; i < left.size(); ++i)
+    {
+        left[i] = std::sin (0.05f * (float) i) * 0.8f;
+        right[i] = (i % 31 == 0) ? 1.0f : 0.1f * std::cos (0.9f * (float) i);
+    }
+    auto expectedLeft = left, expectedRight = right;
+
+    for (int pass = 0; pass < 2; ++pass)   // the state carries over between calls
+    {
+        Biquad::processStereoCascade (stereo[0], stereo[1], stereo[2], stereo[3], left.data(), right.data(), (int) left.size());
+        for (size_t i = 0; i < left.size(); ++i)
+        {
+            expectedLeft[i] = mono[2].process (mono[0].process (expectedLeft[i]));
+            expectedRight[i] = mono[3].process (mono[1].process (expectedRight[i]));
+        }
+        ASSERT_EQ (left, expectedLeft);
+        ASSERT_EQ (right, expectedRight);
+    }
 }
