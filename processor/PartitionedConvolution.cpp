@@ -12,10 +12,10 @@ namespace
 {
     constexpr int smallestHead = 32;
     constexpr int largestHead = 2048;
-    constexpr int tailGrowth = 8;                    // tail partitions: eight head partitions
-    constexpr int headPartitions = 2 * tailGrowth;  // the tail starts at twice its partition
-    constexpr int singleLevelPartitions = 32;
-    constexpr int maxHeadPartitions = std::max (headPartitions, singleLevelPartitions);
+    constexpr int largestTailGrowth = 16;
+    constexpr int maxHeadPartitions = 2 * largestTailGrowth;
+
+    int divideRoundingUp (int a, int b) noexcept  { return (a + b - 1) / b; }
 
     int64_t powerOfTwoAtLeast (int64_t value) noexcept
     {
@@ -140,19 +140,33 @@ PartitionLayout PartitionLayout::forBlockSize (int maximumBlockSize, int numTaps
         head *= 2;
 
     PartitionLayout layout;
-    // Large heads reach the whole kernel on their own: no transforms of a second size.
-    const auto headLimit = head >= 256 ? singleLevelPartitions : headPartitions;
-    const auto headCount = std::max (1, std::min (headLimit, (numTaps + head - 1) / head));
+
+    // One tail level, where the head does not reach, of partitions g times the head's,
+    // starting at twice its partition (so 2g head partitions). Each partition costs one
+    // product per sample, so small heads take the g with the fewest partitions in all; on a
+    // tie the smaller, whose transforms are cheaper and less of a lump in one call. (A
+    // middle level would save products but cost a third transform size, which small heads
+    // pay for more than they save.) Heads from 256 up reach 6500 taps on their own.
+    auto partitions = [&] (int g)
+    {
+        return 2 * g + std::max (0, divideRoundingUp (numTaps - 2 * g * head, g * head));
+    };
+
+    auto growth = head >= 256 ? largestTailGrowth : 2;
+
+    for (int g = 4; g <= largestTailGrowth && head < 256; g *= 2)
+        if (partitions (g) < partitions (growth))
+            growth = g;
+
+    const auto headCount = std::min (2 * growth, divideRoundingUp (numTaps, head));
     layout.levels.push_back ({ head, 0, headCount });
 
-    // One tail level of large partitions. A middle level would save products but cost a
-    // third transform size, which small heads pay for more than they save.
     const auto covered = head * headCount;
 
     if (covered < numTaps)
     {
-        const auto size = head * tailGrowth;
-        layout.levels.push_back ({ size, covered, (numTaps - covered + size - 1) / size });
+        const auto size = head * growth;
+        layout.levels.push_back ({ size, covered, divideRoundingUp (numTaps - covered, size) });
     }
 
     return layout;
