@@ -14,7 +14,6 @@
 #include <cmath>
 #include <dlfcn.h>
 #include <cstdlib>
-#include <limits>
 
 namespace
 {
@@ -32,11 +31,6 @@ namespace
     const StateBlock::Values savedValues { -0.37f, 0.0f, 1.0f, 1.25f, -2.5f, 1.75f, 97.5f, 7200.0f };
 
     enum class Format { vst3, lv2 };
-
-    std::string formatName (const testing::TestParamInfo<Format>& info)
-    {
-        return info.param == Format::vst3 ? "Vst3" : "Lv2";
-    }
 
     juce::AudioPluginFormat& lv2Format()
     {
@@ -64,12 +58,9 @@ namespace
     {
         static juce::VST3PluginFormat vst3;
         auto& host = format == Format::vst3 ? static_cast<juce::AudioPluginFormat&> (vst3) : lv2Format();
-        // The library's folder is <bundle>/Contents/<arch>-linux.
-        juce::String identifier = juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
-
-        if (format == Format::lv2)
-            identifier = QUENDA_LV2_URI;
-
+        // The VST3 library's folder is <bundle>/Contents/<arch>-linux.
+        const auto identifier = format == Format::lv2 ? juce::String (QUENDA_LV2_URI)
+                                                      : juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
         juce::OwnedArray<juce::PluginDescription> found;
         host.findAllTypesForFile (found, identifier);
 
@@ -82,10 +73,8 @@ namespace
         juce::String error;
         auto instance = host.createInstanceFromDescription (*found[0], sampleRate, blockSize, error);
         EXPECT_NE (nullptr, instance) << error;
-
         if (instance != nullptr)
             instance->prepareToPlay (sampleRate, blockSize);
-
         return instance;
     }
 
@@ -188,12 +177,8 @@ namespace
         const auto inner = pluginState (format, hostState);
         const auto restored = StateBlock::read (inner.getData(), (int) inner.getSize());
         StateBlock::Values values {};
-        values.fill (std::numeric_limits<float>::quiet_NaN());
-
-        if (restored)
-            for (size_t i = 0; i < values.size(); ++i)
-                values[i] = (*restored)[i].value_or (values[i]);
-
+        for (size_t i = 0; i < values.size(); ++i)
+            values[i] = restored ? (*restored)[i].value_or (NAN) : NAN;
         return values;
     }
 
@@ -337,4 +322,5 @@ TEST (FormatHostVst3, BypassIsTheHostsOwn)
     EXPECT_EQ (plugin->getParameters()[ParameterTable::bypassIndex], plugin->getBypassParameter());
 }
 
-INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2), formatName);
+INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2),
+                          [] (const auto& test) { return std::string (test.param == Format::vst3 ? "Vst3" : "Lv2"); });
