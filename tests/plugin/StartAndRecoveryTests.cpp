@@ -58,8 +58,7 @@ TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
         {
             SCOPED_TRACE (std::string (setting.what) + " at " + std::to_string ((int) rate));
             Processor processor;
-            processor.setPlayConfigDetails (2, 2, rate, 1024);
-            processor.prepareToPlay (rate, 1024);
+            makeReady (processor, 1024, rate);
 
             for (int i = 0; i < 8; ++i)
                 setParameter (processor, i, setting.values[i]);
