@@ -197,31 +197,6 @@ TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
     EXPECT_LE (worst, tolerance);
 }
 
-TEST (TiltStage, ResetForgetsThePastAndKeepsNoStaleOutput)
-{
-    TiltStage stage;
-    stage.prepare (128);
-    TiltKernelBank bank;
-    bank.prepare (stage.getLayout(), TiltStage::fftSizeFor (128));
-    bank.design (rate);
-    const auto* kernels = bank.acquire();
-
-    auto loud = quenda_test::noise (5000, 3);
-    float* channels[] = { loud.data() };
-    stage.setPreviousTilt (1.0);
-    stage.process (channels, 1, 5000, 1.0, true, *kernels);
-
-    stage.reset();
-    std::vector<float> silence (9000, 0.0f);
-    float* silent[] = { silence.data() };
-    stage.process (silent, 1, 9000, 1.0, true, *kernels);
-
-    for (auto s : silence)
-        ASSERT_EQ (s, 0.0f);
-
-    bank.release();
-}
-
 // Instances at one rate and block size keep one copy; a design for another rate never reuses it.
 TEST (TiltKernelBank, InstancesAtOneRateShareOneCopyOfTheKernels)
 {
