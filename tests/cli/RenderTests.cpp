@@ -65,14 +65,10 @@ TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
 
     // The output is float like the input, so it holds exactly what the summary measured.
     const auto written = readAudio (temp["out.wav"]).audio;
-    float peak = 0.0f;
-    int beyond = 0;
+    const auto peak = written.getMagnitude (0, written.getNumSamples());
+    long beyond = 0;
     for (int c = 0; c < written.getNumChannels(); ++c)
-        for (int i = 0; i < written.getNumSamples(); ++i)
-        {
-            peak = std::max (peak, std::abs (written.getSample (c, i)));
-            beyond += std::abs (written.getSample (c, i)) > 1.0f ? 1 : 0;
-        }
+        beyond += std::count_if (written.getReadPointer (c), written.getReadPointer (c) + written.getNumSamples(), [] (float x) { return std::abs (x) > 1.0f; });
 
     ASSERT_GT (beyond, 0);
     const auto expected = juce::String (20.0 * std::log10 ((double) peak), 2) + " dBFS, " + juce::String (beyond) + " clipped samples";

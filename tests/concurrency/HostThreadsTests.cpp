@@ -11,6 +11,7 @@
 #include <juce_events/juce_events.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
@@ -23,11 +24,7 @@ namespace
 {
     using P = QuendaAudioProcessor;
 
-    double stressSeconds()
-    {
-        const auto* text = std::getenv ("QUENDA_STRESS_SECONDS");
-        return text != nullptr ? std::atof (text) : 3.0;
-    }
+    bool isFinite (float x)  { return std::isfinite (x); }
 
     // Values inside the editor's ranges, where the output must stay finite at every rate used here.
     float randomPlainValue (juce::Random& random, int index)
@@ -70,9 +67,8 @@ namespace
                 const auto n = 1 + random.nextInt (maxBlock);
                 juce::AudioBuffer<float> view (buffer.getArrayOfWritePointers(), 2, 0, n);
 
-                for (int channel = 0; channel < 2; ++channel)
-                    for (int i = 0; i < n; ++i)
-                        view.setSample (channel, i, random.nextFloat() - 0.5f);
+                for (int i = 0; i < 2 * n; ++i)
+                    view.setSample (i % 2, i / 2, random.nextFloat() - 0.5f);
 
                 // Hosts also automate from the audio thread, just before the block.
                 if (random.nextInt (8) == 0)
@@ -83,11 +79,8 @@ namespace
 
                 processor.processBlock (view, midi);
 
-                for (int channel = 0; channel < 2; ++channel)
-                    for (int i = 0; i < n; ++i)
-                        if (! std::isfinite (view.getSample (channel, i)))
-                            ++nonFiniteBlocks, i = n, channel = 2;
-
+                const auto* const* channels = view.getArrayOfReadPointers();
+                nonFiniteBlocks += std::all_of (channels[0], channels[0] + n, isFinite) && std::all_of (channels[1], channels[1] + n, isFinite) ? 0 : 1;
                 ++blocksPlayed;
             }
         }
@@ -138,7 +131,8 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
     });
 
     int restores = 0, reconfigurations = 0;
-    const auto end = juce::Time::getMillisecondCounterHiRes() + 1000.0 * stressSeconds();
+    const auto* seconds = std::getenv ("QUENDA_STRESS_SECONDS");
+    const auto end = juce::Time::getMillisecondCounterHiRes() + 1000.0 * (seconds != nullptr ? std::atof (seconds) : 3.0);
 
     while (juce::Time::getMillisecondCounterHiRes() < end)
     {
@@ -164,20 +158,16 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
     }
 
     running.store (false);
-    firstThread.join();
-    secondThread.join();
-    automation.join();
+    for (auto* thread : { &firstThread, &secondThread, &automation })
+        thread->join();
     editor.reset();
 
     std::cout << "host threads: " << firstAudio.blocksPlayed + secondAudio.blocksPlayed << " blocks, "
               << automationWrites << " automation writes, " << restores << " state restores and kernel designs, "
               << reconfigurations << " rate or block size changes\n";
 
-    EXPECT_GT (firstAudio.blocksPlayed, 100);
-    EXPECT_GT (secondAudio.blocksPlayed, 100);
-    EXPECT_GT (automationWrites, 100);
-    EXPECT_GT (restores, 10);
-    EXPECT_GT (reconfigurations, 0);
-    EXPECT_EQ (0, firstAudio.nonFiniteBlocks);
-    EXPECT_EQ (0, secondAudio.nonFiniteBlocks);
+    // Everything ran often enough to meet the others, and no block came out non-finite.
+    EXPECT_GT (std::min ({ firstAudio.blocksPlayed, secondAudio.blocksPlayed, automationWrites }), 100);
+    EXPECT_TRUE (restores > 10 && reconfigurations > 0) << restores << " restores";
+    EXPECT_EQ (0, firstAudio.nonFiniteBlocks + secondAudio.nonFiniteBlocks);
 }

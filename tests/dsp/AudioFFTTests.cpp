@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "audiofft/AudioFFT.h"
+#include "support/Signals.h"
 
 #include <gtest/gtest.h>
 
@@ -13,13 +14,7 @@ using Cf = std::complex<float>;
 
 namespace
 {
-    std::vector<float> signal (size_t n)
-    {
-        std::vector<float> x (n);
-        for (size_t t = 0; t < n; ++t)
-            x[t] = std::sin (0.7f * (float) (t * t % 1009) + 0.3f * (float) n);
-        return x;
-    }
+    std::vector<float> signal (size_t n)  { return quenda_test::noise (n, (unsigned) n); }
 
     // Bins further from an unscaled, sign -1 DFT in double than a few float ulps of the spectrum.
     int binsOffTheDft (const std::vector<Cf>& bins, const std::vector<float>& x)

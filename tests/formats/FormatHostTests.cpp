@@ -14,7 +14,6 @@
 #include <cmath>
 #include <dlfcn.h>
 #include <cstdlib>
-#include <limits>
 
 namespace
 {
@@ -32,11 +31,6 @@ namespace
     const StateBlock::Values savedValues { -0.37f, 0.0f, 1.0f, 1.25f, -2.5f, 1.75f, 97.5f, 7200.0f };
 
     enum class Format { vst3, lv2 };
-
-    std::string formatName (const testing::TestParamInfo<Format>& info)
-    {
-        return info.param == Format::vst3 ? "Vst3" : "Lv2";
-    }
 
     juce::AudioPluginFormat& lv2Format()
     {
@@ -64,12 +58,9 @@ namespace
     {
         static juce::VST3PluginFormat vst3;
         auto& host = format == Format::vst3 ? static_cast<juce::AudioPluginFormat&> (vst3) : lv2Format();
-        // The library's folder is <bundle>/Contents/<arch>-linux.
-        juce::String identifier = juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
-
-        if (format == Format::lv2)
-            identifier = QUENDA_LV2_URI;
-
+        // The VST3 library's folder is <bundle>/Contents/<arch>-linux.
+        const auto identifier = format == Format::lv2 ? juce::String (QUENDA_LV2_URI)
+                                                      : juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
         juce::OwnedArray<juce::PluginDescription> found;
         host.findAllTypesForFile (found, identifier);
 
@@ -82,10 +73,8 @@ namespace
         juce::String error;
         auto instance = host.createInstanceFromDescription (*found[0], sampleRate, blockSize, error);
         EXPECT_NE (nullptr, instance) << error;
-
         if (instance != nullptr)
             instance->prepareToPlay (sampleRate, blockSize);
-
         return instance;
     }
 
@@ -132,43 +121,44 @@ namespace
         return { open, juce::jmax (open, turtle.indexOf (open, "\"")) };
     }
 
-    /** What a plug-in saved inside the host's own state wrapper, found by format. */
-    juce::MemoryBlock pluginState (Format format, const juce::MemoryBlock& hostState)
+    /** What the plug-in saved inside its host's state: base64 in JUCE's VST3 XML or in lilv's Turtle. */
+    juce::MemoryBlock pluginState (Format format, juce::AudioPluginInstance& plugin)
     {
-        juce::MemoryBlock inner;
+        juce::MemoryBlock hostState, inner;
+        plugin.getStateInformation (hostState);
+        const auto turtle = hostState.toString();
 
         if (format == Format::lv2)
-        {
-            const auto turtle = hostState.toString();
-            const auto text = lv2StateText (turtle);
-            inner.fromBase64Encoding (turtle.substring (text.getStart(), text.getEnd()));
-        }
-        // JUCE's VST3 host: XML with the component's state in base64.
+            inner.fromBase64Encoding (turtle.substring (lv2StateText (turtle).getStart(), lv2StateText (turtle).getEnd()));
         else if (auto xml = juce::AudioProcessor::getXmlFromBinary (hostState.getData(), (int) hostState.getSize()))
-        {
             if (auto* component = xml->getChildByName ("IComponent"))
                 inner.fromBase64Encoding (component->getAllSubText());
-        }
 
         return inner;
     }
 
-    /** The host state with the plug-in's part replaced; the rest of the wrapper stays. */
-    juce::MemoryBlock withPluginState (Format format, const juce::MemoryBlock& hostState, const juce::MemoryBlock& inner)
+    /** Gives the plug-in a state through its host's wrapper, the rest of the wrapper unchanged. */
+    void restore (Format format, juce::AudioPluginInstance& plugin, const juce::MemoryBlock& inner)
     {
+        juce::MemoryBlock hostState;
+        plugin.getStateInformation (hostState);
+
         if (format == Format::vst3)
         {
             juce::XmlElement xml ("VST3PluginState");
             xml.createNewChildElement ("IComponent")->addTextElement (inner.toBase64Encoding());
-            juce::MemoryBlock result;
-            juce::AudioProcessor::copyXmlToBinary (xml, result);
-            return result;
+            juce::AudioProcessor::copyXmlToBinary (xml, hostState);
+        }
+        else
+        {
+            const auto turtle = hostState.toString();
+            const auto text = lv2StateText (turtle);
+            const auto replaced = turtle.replaceSection (text.getStart(), text.getLength(), inner.toBase64Encoding());
+            hostState.replaceAll (replaced.toRawUTF8(), replaced.getNumBytesAsUTF8());
         }
 
-        const auto turtle = hostState.toString();
-        const auto text = lv2StateText (turtle);
-        const auto replaced = turtle.replaceSection (text.getStart(), text.getLength(), inner.toBase64Encoding());
-        return { replaced.toRawUTF8(), replaced.getNumBytesAsUTF8() };
+        plugin.setStateInformation (hostState.getData(), (int) hostState.getSize());
+        processSilence (plugin);
     }
 
     /** The saved block at the start of a plug-in state (VST3 appends JUCE's own trailer). */
@@ -176,34 +166,18 @@ namespace
     {
         if (state.getSize() < 8)
             return {};
-
         const auto length = juce::ByteOrder::littleEndianInt (static_cast<const char*> (state.getData()) + 4);
         return { state.getData(), juce::jmin ((size_t) length + 9, state.getSize()) };
     }
 
     StateBlock::Values valuesIn (Format format, juce::AudioPluginInstance& plugin)
     {
-        juce::MemoryBlock hostState;
-        plugin.getStateInformation (hostState);
-        const auto inner = pluginState (format, hostState);
+        const auto inner = pluginState (format, plugin);
         const auto restored = StateBlock::read (inner.getData(), (int) inner.getSize());
         StateBlock::Values values {};
-        values.fill (std::numeric_limits<float>::quiet_NaN());
-
-        if (restored)
-            for (size_t i = 0; i < values.size(); ++i)
-                values[i] = (*restored)[i].value_or (values[i]);
-
+        for (size_t i = 0; i < values.size(); ++i)
+            values[i] = restored ? (*restored)[i].value_or (NAN) : NAN;
         return values;
-    }
-
-    void restore (Format format, juce::AudioPluginInstance& plugin, const juce::MemoryBlock& block)
-    {
-        juce::MemoryBlock hostState;
-        plugin.getStateInformation (hostState);
-        const auto state = withPluginState (format, hostState, block);
-        plugin.setStateInformation (state.getData(), (int) state.getSize());
-        processSilence (plugin);
     }
 
     class FormatHost : public testing::TestWithParam<Format> {};
@@ -285,9 +259,7 @@ TEST_P (FormatHost, LinearPhaseReportsItsLatencyAndTheStateCrossesFormats)
     ASSERT_EQ (written, chunk);
 
     restore (GetParam(), *plugin, chunk);
-    juce::MemoryBlock hostState;
-    plugin->getStateInformation (hostState);
-    const auto saved = leadingStateBlock (pluginState (GetParam(), hostState));
+    const auto saved = leadingStateBlock (pluginState (GetParam(), *plugin));
     EXPECT_EQ (chunk, saved);
     EXPECT_EQ (3249, plugin->getLatencySamples());
 
@@ -337,4 +309,5 @@ TEST (FormatHostVst3, BypassIsTheHostsOwn)
     EXPECT_EQ (plugin->getParameters()[ParameterTable::bypassIndex], plugin->getBypassParameter());
 }
 
-INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2), formatName);
+INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2),
+                          [] (const auto& test) { return std::string (test.param == Format::vst3 ? "Vst3" : "Lv2"); });

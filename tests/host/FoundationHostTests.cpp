@@ -4,7 +4,6 @@
 #include "Vst2Host.h"
 
 #include <gtest/gtest.h>
-#include <cmath>
 #include <cstring>
 
 using vst2host::Instance;
@@ -56,11 +55,6 @@ TEST (Vst2Foundation, NormalisationIsTheIdentityWithoutClamping)
     EXPECT_EQ (-1.0f, plugin.getParameter (0));
     plugin.setParameter (7, 22000.0f);
     EXPECT_EQ (22000.0f, plugin.getParameter (7));
-
-    // A host writing NaN must not poison the value the filters use.
-    plugin.setParameter (4, 2.0f);
-    plugin.setParameter (4, std::nanf (""));
-    EXPECT_EQ (2.0f, plugin.getParameter (4));
 
     // A fresh instance is unaffected by another one's edits.
     Instance other;

@@ -27,48 +27,36 @@ inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr,
 
 using PluginMain = AEffect* (*) (audioMasterCallback);
 
-/** The loaded shared object; stays loaded for the whole test program, as hosts keep it.
-    QUENDA_VST2_PATH in the environment overrides the built one (a Windows path under Wine). */
-class Library
+/** The built plug-in's entry point; the library stays loaded for the whole test program, as
+    hosts keep it. QUENDA_VST2_PATH in the environment overrides the built one (a Windows path
+    under Wine). */
+inline PluginMain builtPluginEntry()
 {
-public:
-    static Library& get()
+    static const auto entry = []
     {
         const auto* override = std::getenv ("QUENDA_VST2_PATH");
-        static Library library (override != nullptr ? override : QUENDA_VST2_PATH);
-        return library;
-    }
-
-    PluginMain entry() const { return main; }
-
-private:
-    explicit Library (const std::string& path)
-    {
+        const std::string path = override != nullptr ? override : QUENDA_VST2_PATH;
        #if defined (_WIN32)
-        auto* module = LoadLibraryA (path.c_str());
-        if (module == nullptr)
+        auto* library = LoadLibraryA (path.c_str());
+        if (library == nullptr)
             throw std::runtime_error ("LoadLibrary failed for " + path + ": error " + std::to_string (GetLastError()));
-
-        main = reinterpret_cast<PluginMain> (reinterpret_cast<void*> (GetProcAddress (module, "VSTPluginMain")));
+        auto* main = reinterpret_cast<PluginMain> (reinterpret_cast<void*> (GetProcAddress (library, "VSTPluginMain")));
        #else
-        auto* handle = dlopen (path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr)
+        auto* library = dlopen (path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr)
             throw std::runtime_error (std::string ("dlopen failed: ") + dlerror());
-
-        main = reinterpret_cast<PluginMain> (dlsym (handle, "VSTPluginMain"));
+        auto* main = reinterpret_cast<PluginMain> (dlsym (library, "VSTPluginMain"));
        #endif
-        if (main == nullptr)
-            throw std::runtime_error ("VSTPluginMain not exported");
-    }
-
-    PluginMain main = nullptr;
-};
+        return main != nullptr ? main : throw std::runtime_error ("VSTPluginMain not exported");
+    }();
+    return entry;
+}
 
 /** One plug-in instance, opened and closed like a host does. */
 class Instance
 {
 public:
-    Instance() : Instance (Library::get().entry()) {}
+    Instance() : Instance (builtPluginEntry()) {}
 
     /** An instance of another plug-in, from its entry point. */
     explicit Instance (PluginMain entry)
@@ -117,6 +105,7 @@ public:
         running = false;
     }
 
+    /** Replaces n samples of each channel from offset on by the plug-in's output. */
     void process (std::vector<float>& left, std::vector<float>& right, int offset, int n)
     {
         std::vector<float> outLeft ((size_t) n), outRight ((size_t) n);

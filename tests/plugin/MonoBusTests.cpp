@@ -2,6 +2,7 @@
 // A one-channel bus: only channel 0 is processed, and bypass leaves the high shelf's gain.
 
 #include "processor/PluginProcessor.h"
+#include "tests/support/Signals.h"
 
 #include <gtest/gtest.h>
 #include <cmath>
@@ -11,29 +12,16 @@ namespace
     /** Level in dB of a sine run through the processor, measured over its last block. */
     double sineGainDb (QuendaAudioProcessor& processor, int numChannels, double frequency, int blocks)
     {
-        constexpr int blockSize = 512;
-        juce::AudioBuffer<float> buffer (numChannels, blockSize);
         juce::MidiBuffer midi;
-        double phase = 0, inputEnergy = 0, outputEnergy = 0;
-
-        for (int b = 0; b < blocks; ++b)
+        for (int b = 0;; ++b)
         {
-            inputEnergy = outputEnergy = 0;
-            for (int i = 0; i < blockSize; ++i, phase += frequency / 48000.0)
-                for (int c = 0; c < numChannels; ++c)
-                    buffer.setSample (c, i, 0.5f * (float) std::sin (2.0 * juce::MathConstants<double>::pi * phase));
-
-            for (int i = 0; i < blockSize; ++i)
-                inputEnergy += buffer.getSample (0, i) * (double) buffer.getSample (0, i);
-
+            auto buffer = quenda_test::makeSine (numChannels, 512, frequency / 48000.0, 512.0 * b);
+            const auto input = buffer.getRMSLevel (0, 0, 512);
             processor.processBlock (buffer, midi);
             processor.handleUpdateNowIfNeeded();
-
-            for (int i = 0; i < blockSize; ++i)
-                outputEnergy += buffer.getSample (0, i) * (double) buffer.getSample (0, i);
+            if (b == blocks - 1)
+                return 20.0 * std::log10 (buffer.getRMSLevel (0, 0, 512) / input);
         }
-
-        return 10.0 * std::log10 (outputEnergy / inputEnergy);
     }
 
     void set (QuendaAudioProcessor& processor, int index, float value)

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What a host meets on bad days: playback starting in linear phase, unusual rates, extreme
-// values, a non-finite input, a restored project that changes the latency.
+// What a host meets on bad days: unusual rates, extreme values, a non-finite input, a
+// restored project that changes the latency.
 
 #include "tests/support/ReadyProcessor.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -16,46 +17,14 @@ namespace
     bool allFinite (const juce::AudioBuffer<float>& buffer)
     {
         for (int c = 0; c < buffer.getNumChannels(); ++c)
-            for (int i = 0; i < buffer.getNumSamples(); ++i)
-                if (! std::isfinite (buffer.getSample (c, i)))
-                    return false;
+            if (! std::all_of (buffer.getReadPointer (c), buffer.getReadPointer (c) + buffer.getNumSamples(), [] (float x) { return std::isfinite (x); }))
+                return false;
         return true;
     }
-
-    float peak (const juce::AudioBuffer<float>& buffer, int from = 0)
-    {
-        float largest = 0.0f;
-        for (int c = 0; c < buffer.getNumChannels(); ++c)
-            for (int i = from; i < buffer.getNumSamples(); ++i)
-                largest = std::max (largest, std::abs (buffer.getSample (c, i)));
-        return largest;
-    }
 }
 
-// The first block after prepareToPlay is already fully processed: in linear phase the dry part
-// arrives after exactly the reported latency, and the latency is known before any block.
-TEST (Start, FirstBlockIsProcessedAndLatencyIsKnownBeforeIt)
-{
-    for (auto linear : { false, true })
-    {
-        Processor processor;
-        setParameter (processor, Processor::linPhaseIndex, linear ? 1.0f : 0.0f);
-        makeReady (processor, 256);
-        const auto latency = linear ? Processor::linearPhaseLatency : 0;
-        EXPECT_EQ (latency, processor.getLatencySamples());
-
-        // An impulse with tilt 0: the output is the impulse, delayed by the latency.
-        juce::AudioBuffer<float> audio (2, 4096);
-        audio.clear();
-        audio.setSample (0, 0, 1.0f);
-        audio.setSample (1, 0, 1.0f);
-        processInBlocks (processor, audio, 256);
-
-        for (int i = 0; i < 4096; ++i)
-            ASSERT_NEAR (audio.getSample (0, i), i == latency ? 1.0f : 0.0f, 1.0e-6f) << (linear ? "linear " : "minimum ") << i;
-    }
-}
-
+// (That the first block is processed, with the latency known before it, is checked through
+// the VST2 interface against the reference model.)
 TEST (Start, RestoringAProjectReportsItsLatencyAtOnce)
 {
     Processor source, restored;
@@ -89,8 +58,7 @@ TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
         {
             SCOPED_TRACE (std::string (setting.what) + " at " + std::to_string ((int) rate));
             Processor processor;
-            processor.setPlayConfigDetails (2, 2, rate, 1024);
-            processor.prepareToPlay (rate, 1024);
+            makeReady (processor, 1024, rate);
 
             for (int i = 0; i < 8; ++i)
                 setParameter (processor, i, setting.values[i]);
@@ -109,7 +77,7 @@ TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
 
             ASSERT_TRUE (allFinite (audio));
             // Stable: the settled tail is no louder than the gains allow (well under 1e20).
-            EXPECT_LT (peak (audio, start / 2), 1.0e20f);
+            EXPECT_LT (audio.getMagnitude (start / 2, start - start / 2), 1.0e20f);
         }
     }
 }
@@ -129,10 +97,10 @@ TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
         auto poisoned = makeNoise (2, 512, 3);
         poisoned.setSample (1, 100, bad);
         processor->processBlock (poisoned, midi);
-        EXPECT_EQ (0.0f, peak (poisoned));
+        EXPECT_TRUE (allFinite (poisoned) && poisoned.getMagnitude (0, 512) == 0.0f);
 
         // The glides have settled in the poisoned instance; let the fresh one's settle too.
-        auto settle = makeNoise (2, 512, 3);
+        juce::AudioBuffer<float> settle (2, 512);
         settle.clear();
         fresh->processBlock (settle, midi);
 
@@ -140,8 +108,6 @@ TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
         auto expected = after;
         processInBlocks (*processor, after, 512);
         processInBlocks (*fresh, expected, 512);
-        ASSERT_TRUE (allFinite (after));
-        for (int i = 0; i < after.getNumSamples(); ++i)
-            ASSERT_NEAR (after.getSample (0, i), expected.getSample (0, i), 1.0e-6f) << i;
+        EXPECT_LT (maxDifference (after, expected), 1.0e-6f);   // NaN fails too
     }
 }

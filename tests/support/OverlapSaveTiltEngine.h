@@ -4,81 +4,102 @@
 #include "audiofft/AudioFFT.h"
 #include "processor/TiltKernelDesign.h"
 
+#include <algorithm>
 #include <vector>
 
 /**
-    The plain overlap-save tilt convolution, kept as the oracle for the partitioned engine:
-    one N-point segment per block (N the smallest power of two above kernel + block - 2),
-    giving each channel a positive-tilt output (falling kernel) and a negative-tilt output
-    (rising kernel), plus the dry delay line used with the linear-phase kernels.
+    The plain overlap-save tilt convolution of one channel, kept as the oracle for the
+    partitioned engine: one N-point segment per block (N the smallest power of two above
+    kernel + block - 2), giving a positive-tilt output (falling kernel) and a negative-tilt
+    output (rising kernel).
 */
 class OverlapSaveTiltEngine
 {
 public:
-    static constexpr int numChannels = 2;
     static constexpr int kernelLength = tilt::kernelLength;
-    static constexpr int linearPhaseDelay = tilt::latencySamples;
 
-    /** Smallest power of two strictly above kernelLength + blockSize - 2. */
-    static int fftSizeFor (int blockSize) noexcept;
+    /** Sizes every buffer for blocks of up to blockSize samples and clears all history. */
+    void prepare (int blockSize)
+    {
+        for (fftSize = 1; fftSize <= kernelLength + blockSize - 2;)
+            fftSize *= 2;
 
-    /** Sizes every buffer for blocks of up to blockSize samples and clears the histories,
-        the pending outputs and the kernel spectra. */
-    void prepare (int blockSize);
+        history.assign ((size_t) (blockSize + kernelLength), 0.0f);
+        positive.assign ((size_t) blockSize, 0.0f);
+        negative.assign ((size_t) blockSize, 0.0f);
+        fill = kernelLength - 1;
+        ready = 0;
 
-    /** Recomputes the four kernel spectra for a sample rate. */
-    void design (double sampleRate);
+        mainFft.init ((size_t) fftSize);
+        minimumPhaseFft.init ((size_t) tilt::minimumPhaseFftSize);
+        designer.prepare (fftSize);
+        spectra.resize (fftSize);
+        segment.assign ((size_t) fftSize, 0.0f);
+        time.assign ((size_t) fftSize, 0.0f);
+        inputSpectrum.assign ((size_t) fftSize / 2 + 1, {});
+        product = inputSpectrum;
+    }
 
-    int getPreparedBlockSize() const noexcept   { return preparedBlockSize; }
-    int getFftSize() const noexcept             { return fftSize; }
+    void design (double sampleRate)    { designer.design (sampleRate, mainFft, minimumPhaseFft, spectra); }
+    int getFftSize() const noexcept    { return fftSize; }
 
-    /** Appends n new samples of each channel to the convolution history. */
-    void writeInput (const float* const* channels, int numChannelsInBlock, int n) noexcept;
+    /** Appends n new samples to the convolution history. */
+    void writeInput (const float* input, int n)
+    {
+        std::copy (input, input + n, history.begin() + fill);
+        fill += n;
+    }
 
-    /** Runs segments until at least n output samples are ready, computing only the outputs
-        asked for. */
-    void convolve (int numChannelsInBlock, int n, bool wantPositive, bool wantNegative, bool linearPhase) noexcept;
+    /** Runs segments until at least n output samples of both kernels are ready. */
+    void convolve (int n, bool linearPhase)
+    {
+        constexpr int overlap = kernelLength - 1;
 
-    /** Drops the n samples the block used, keeping any that were computed beyond them. */
-    void consume (int n, bool positiveComputed, bool negativeComputed) noexcept;
+        while (ready < n)
+        {
+            const auto segmentLength = std::min (fill, fftSize);
+            std::copy (history.begin(), history.begin() + segmentLength, segment.begin());
+            std::fill (segment.begin() + segmentLength, segment.end(), 0.0f);
+            // The last L - 1 samples are the overlap the next segment starts with.
+            std::copy (history.begin() + fill - overlap, history.begin() + fill, history.begin());
+            mainFft.fft (segment.data(), inputSpectrum.data());
 
-    const float* positiveOutput (int channel) const noexcept  { return positive[(size_t) channel].data(); }
-    const float* negativeOutput (int channel) const noexcept  { return negative[(size_t) channel].data(); }
+            // The first L - 1 samples of the circular result wrap around and are dropped.
+            const auto filter = [&] (const std::vector<tilt::Complex>& kernel, std::vector<float>& output)
+            {
+                for (size_t k = 0; k < product.size(); ++k)
+                {
+                    const auto a = inputSpectrum[k].real(), b = inputSpectrum[k].imag();
+                    const auto c = kernel[k].real(), d = kernel[k].imag();
+                    product[k] = { a * c - b * d, b * c + a * d };
+                }
+                mainFft.ifft (time.data(), product.data());
+                std::copy (time.begin() + overlap, time.begin() + segmentLength, output.begin() + ready);
+            };
+            filter (linearPhase ? spectra.linearFalling : spectra.minimumFalling, positive);
+            filter (linearPhase ? spectra.linearRising : spectra.minimumRising, negative);
 
-    /** Writes n input samples into the dry delay line at index delay. */
-    void writeDry (int channel, const float* input, int n, int delay) noexcept;
+            fill += overlap - segmentLength;
+            ready += segmentLength - overlap;
+        }
+    }
 
-    /** The dry delay line: entry i is the dry sample that lines up with output sample i. */
-    const float* dry (int channel) const noexcept   { return dryDelay[(size_t) channel].data(); }
+    /** Drops the n samples a block used, keeping any computed beyond them. */
+    void consume (int n)
+    {
+        ready = std::max (ready, n) - n;
+        for (auto* output : { &positive, &negative })
+            std::copy (output->begin() + n, output->begin() + n + ready, output->begin());
+    }
 
-    /** Moves the dry delay line down by n, keeping its last `delay` samples. */
-    void advanceDry (int channel, int n, int delay) noexcept;
-
-    const TiltKernelSpectra& getSpectra() const noexcept { return spectra; }
+    const float* positiveOutput() const noexcept  { return positive.data(); }
+    const float* negativeOutput() const noexcept  { return negative.data(); }
 
 private:
-    void runSegment (int numChannelsInBlock, bool wantPositive, bool wantNegative, bool linearPhase) noexcept;
-    void filterSegment (const std::vector<tilt::Complex>& kernel, std::vector<tilt::Complex>& product,
-                        std::vector<float>& time) noexcept;
-
-    audiofft::FFTW3FFT mainFft;
-    audiofft::FFTW3FFT minimumPhaseFft;
+    audiofft::FFTW3FFT mainFft, minimumPhaseFft;
     TiltKernelDesigner designer;
     TiltKernelSpectra spectra;
-
-    int preparedBlockSize = 0;
-    int fftSize = 0;
-    int delayLength = 0;     // D: the block size the outputs are sized for
-    int fill = 0;            // valid samples in each history
-    int ready = 0;           // computed output samples not yet used
-
-    std::vector<float> history[numChannels];     // D + L
-    std::vector<float> positive[numChannels];    // D
-    std::vector<float> negative[numChannels];    // D
-    std::vector<float> dryDelay[numChannels];    // D + linearPhaseDelay
-
-    std::vector<float> segment;                  // N
-    std::vector<tilt::Complex> inputSpectrum;    // N/2 + 1
-    std::vector<tilt::Complex> positiveSpectrum, negativeSpectrum;
-    std::vector<float> positiveTime, negativeTime;   // N
+    int fftSize = 0, fill = 0, ready = 0;   // fill: valid history; ready: outputs not yet used
+    std::vector<float> history, positive, negative, segment, time;
+    std::vector<tilt::Complex> inputSpectrum, product;
 };

@@ -12,11 +12,11 @@ namespace quenda_test
 
     inline void setParameter (Processor& processor, int index, float plainValue)  { processor.getParameters()[index]->setValue (plainValue); }
 
-    // As a host starts playback: stereo at 48 kHz, then prepareToPlay, which designs the kernels.
-    inline void makeReady (Processor& processor, int blockSize)
+    // As a host starts playback: stereo, then prepareToPlay, which designs the kernels.
+    inline void makeReady (Processor& processor, int blockSize, double sampleRate = 48000.0)
     {
-        processor.setPlayConfigDetails (2, 2, 48000.0, blockSize);
-        processor.prepareToPlay (48000.0, blockSize);
+        processor.setPlayConfigDetails (2, 2, sampleRate, blockSize);
+        processor.prepareToPlay (sampleRate, blockSize);
     }
 
     // A ready processor with linear phase on and a tilt, so every block runs the convolution.

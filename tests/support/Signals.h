@@ -1,53 +1,79 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Test signals every test program shares: reproducible noise, an impulse, and how far two
-// outputs differ.
+// The test signals every test program shares: reproducible noise, an impulse, a sine, and how
+// far two outputs differ. The buffer forms exist where JUCE is on the include path.
 #pragma once
-
-#include <juce_audio_basics/juce_audio_basics.h>
 
 #include <algorithm>
 #include <cmath>
+#include <random>
+#include <vector>
 
 namespace quenda_test
 {
-    /** Uniform noise in -amplitude ... amplitude, the same for the same seed, different per channel. */
-    inline juce::AudioBuffer<float> makeNoise (int numChannels, int numSamples, juce::int64 seed = 7,
-                                               float amplitude = 0.5f)
+    /** Uniform noise in -amplitude ... amplitude, the same for the same seed. */
+    inline std::vector<float> noise (size_t numSamples, unsigned seed, float amplitude = 1.0f)
     {
-        juce::Random random (seed);
-        juce::AudioBuffer<float> noise (numChannels, numSamples);
+        std::mt19937 random (seed);
+        std::uniform_real_distribution<float> sample (-amplitude, amplitude);
+        std::vector<float> samples (numSamples);
+        for (auto& s : samples)
+            s = sample (random);
+        return samples;
+    }
+}
 
-        for (int i = 0; i < numSamples; ++i)
-            for (int channel = 0; channel < numChannels; ++channel)
-                noise.setSample (channel, i, amplitude * (2.0f * random.nextFloat() - 1.0f));
+#if __has_include (<juce_audio_basics/juce_audio_basics.h>)
+#include <juce_audio_basics/juce_audio_basics.h>
 
-        return noise;
+namespace quenda_test
+{
+    /** Noise as above, a different stream per channel. */
+    inline juce::AudioBuffer<float> makeNoise (int numChannels, int numSamples, unsigned seed = 7, float amplitude = 0.5f)
+    {
+        juce::AudioBuffer<float> buffer (numChannels, numSamples);
+        for (int c = 0; c < numChannels; ++c)
+        {
+            const auto samples = noise ((size_t) numSamples, seed + 1000u * (unsigned) c, amplitude);
+            buffer.copyFrom (c, 0, samples.data(), numSamples);
+        }
+        return buffer;
     }
 
-    /** Silence with one sample of the given height. */
+    /** Silence with one sample of the given height in every channel. */
     inline juce::AudioBuffer<float> makeImpulse (int numChannels, int numSamples, int position, float height = 0.5f)
     {
-        juce::AudioBuffer<float> impulse (numChannels, numSamples);
-        impulse.clear();
-
-        for (int channel = 0; channel < numChannels; ++channel)
-            impulse.setSample (channel, position, height);
-
-        return impulse;
+        juce::AudioBuffer<float> buffer (numChannels, numSamples);
+        buffer.clear();
+        for (int c = 0; c < numChannels; ++c)
+            buffer.setSample (c, position, height);
+        return buffer;
     }
 
-    /** The largest difference over both channels from the given sample on; NaN when either
-        buffer holds one. */
+    /** A sine of the given frequency in cycles per sample, from the given phase, in every channel. */
+    inline juce::AudioBuffer<float> makeSine (int numChannels, int numSamples, double cyclesPerSample, double fromSample = 0.0,
+                                              float amplitude = 0.5f)
+    {
+        juce::AudioBuffer<float> buffer (numChannels, numSamples);
+        for (int i = 0; i < numSamples; ++i)
+            for (int c = 0; c < numChannels; ++c)
+                buffer.setSample (c, i, amplitude * (float) std::sin (juce::MathConstants<double>::twoPi * cyclesPerSample * (fromSample + i)));
+        return buffer;
+    }
+
+    /** The largest difference over all channels from the given sample on; NaN when either
+        buffer holds one (std::max would drop it). */
     inline float maxDifference (const juce::AudioBuffer<float>& a, const juce::AudioBuffer<float>& b, int from = 0)
     {
         float worst = 0.0f;
-        for (int i = 2 * from; i < 2 * a.getNumSamples(); ++i)
-        {
-            const auto difference = std::abs (a.getSample (i % 2, i / 2) - b.getSample (i % 2, i / 2));
-            if (std::isnan (difference))
-                return difference;   // std::max would drop it at the next sample
-            worst = std::max (difference, worst);
-        }
+        for (int c = 0; c < a.getNumChannels(); ++c)
+            for (int i = from; i < a.getNumSamples(); ++i)
+            {
+                const auto difference = std::abs (a.getSample (c, i) - b.getSample (c, i));
+                if (std::isnan (difference))
+                    return difference;
+                worst = std::max (difference, worst);
+            }
         return worst;
     }
 }
+#endif
