@@ -11,6 +11,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cmath>
 #include <ctime>
 #include <cstring>
 #include <memory>
@@ -198,11 +199,60 @@ namespace
     }
 }
 
+// The machine's own floor for worst / median: blocks of fixed work of about the length of
+// a plug-in block, timed the same way. What a schedule cannot go below on this machine.
+void machineNoise (benchmark::State& state)
+{
+    const auto targetSeconds = 1.0e-6 * (double) state.range (0);
+    std::vector<float> data (64, 1.0f);
+    auto work = [&] (int rounds)
+    {
+        float sum = 0.0f;
+        for (int r = 0; r < rounds; ++r)
+            for (auto x : data)
+                sum = sum * 0.999f + x;
+        benchmark::DoNotOptimize (sum);
+    };
+
+    // Rounds of work for about the target length.
+    auto rounds = 1;
+    for (;; rounds *= 2)
+    {
+        work (rounds);
+        const auto start = threadSeconds();
+        work (rounds);
+        const auto took = threadSeconds() - start;
+        if (took >= targetSeconds || rounds >= (1 << 20))
+        {
+            rounds = std::max (1, (int) std::lround ((double) rounds * targetSeconds / took));
+            break;
+        }
+    }
+
+    std::vector<double> times;
+    for (auto _ : state)
+    {
+        for (int b = 0; b < 20000; ++b)
+        {
+            const auto start = threadSeconds();
+            work (rounds);
+            times.push_back (threadSeconds() - start);
+        }
+    }
+
+    std::sort (times.begin(), times.end());
+    const auto median = times[times.size() / 2];
+    state.counters["block_us"] = median * 1.0e6;
+    state.counters["p999/median"] = times[times.size() * 999 / 1000] / median;
+    state.counters["worst/median"] = times.back() / median;
+}
+
 BENCHMARK_CAPTURE (sideBySide, linear_tilt_plus, 0.5f, true)->RangeMultiplier (2)->Range (32, 4096)->Iterations (60)->Unit (benchmark::kMillisecond);
 BENCHMARK_CAPTURE (sideBySide, linear_tilt_minus, -0.5f, true)->RangeMultiplier (2)->Range (32, 4096)->Iterations (60)->Unit (benchmark::kMillisecond);
 BENCHMARK_CAPTURE (sideBySide, minimum_tilt_plus, 0.5f, false)->RangeMultiplier (2)->Range (32, 4096)->Iterations (60)->Unit (benchmark::kMillisecond);
 BENCHMARK_CAPTURE (sideBySide, minimum_tilt_minus, -0.5f, false)->RangeMultiplier (2)->Range (32, 4096)->Iterations (60)->Unit (benchmark::kMillisecond);
 BENCHMARK (manyInstances)->Arg (32)->Iterations (750)->Unit (benchmark::kMillisecond);
+BENCHMARK (machineNoise)->ArgName ("us")->Arg (5)->Arg (10)->Arg (20)->Iterations (3)->Unit (benchmark::kMillisecond);
 
 int main (int argc, char** argv)
 {
