@@ -111,10 +111,11 @@ private:
     form (separate real and imaginary arrays, which spectral products vectorise best on). The
     transforms run interleaved, FFTW's fastest form, through the object's own buffer; the
     caller's arrays must come from fftwf_malloc. Forward is unscaled and so is inverse (it
-    returns N times the input). Plans come from FFTW's estimate, not from timing runs: timed
-    plans differ from run to run, and so would the last bit of the output (a render repeated
-    would not null against the first). Planning takes the process-wide planner lock;
-    executing allocates nothing. One object is used from one thread at a time.
+    returns N times the input). Plans come from the shipped wisdom below, never from timing
+    runs at start-up: timed plans differ from run to run, and so would the last bit of the
+    output (a render repeated would not null against the first). Planning takes the
+    process-wide planner lock; executing allocates nothing. One object is used from one
+    thread at a time.
 */
 class SplitRealFft
 {
@@ -146,6 +147,10 @@ private:
     The two functions below are for the tool that makes that wisdom. */
 void measureStreamingPlans();
 std::string exportWisdom();
+
+/** The transform sizes the shipped wisdom covers: twice each partition size of the layouts
+    for blocks up to 2048 samples (a larger tail, for much longer kernels, is estimated). */
+constexpr int streamingSizes[] = { 64, 128, 256, 512, 1024, 2048, 4096 };
 
 /** fftwf_malloc'd float storage, zero-filled, sized once. */
 class AlignedFloats

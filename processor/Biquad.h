@@ -52,7 +52,6 @@ public:
         return static_cast<float> (y);
     }
 
-    // Fixed-point section: no processing path uses it, but every design resets its history.
     /** Two channels, each through a cascade of two sections (first, then second), in place.
         The same arithmetic as process(), sample for sample and bit for bit, with the two
         channels side by side in one vector register. */
@@ -60,6 +59,7 @@ public:
                                       Biquad& secondLeft, Biquad& secondRight,
                                       float* left, float* right, int n) noexcept;
 
+    // Fixed-point section: no processing path uses it, but every design resets its history.
     int32_t fixedMode = 1;
     int64_t fixedHistory[6] = {};
     int64_t fixedAccumulator = 0;

@@ -13,7 +13,7 @@
     A kernel is cut into levels of uniform partitions (overlap-save, FFT size twice the
     partition). The head level has the smallest partitions and is computed inside every
     call, from whatever part of its current chunk has arrived, so a 1-sample call returns 1
-    finished sample. A tail level, where needed, has partitions eight times larger and
+    finished sample. A tail level, where needed, has partitions 4 to 16 times larger and
     starts at twice its partition size into the kernel: its output is due one partition
     after its input chunk is complete, so its work (one forward FFT, one spectral product
     per partition, one inverse FFT) is spread over the calls of that interval instead of

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <initializer_list>
 
 int main (int argc, char** argv)
 {
@@ -17,8 +16,7 @@ int main (int argc, char** argv)
 
     audiofft::measureStreamingPlans();
 
-    // Every transform size the partitioned convolution uses: twice each partition size.
-    for (int size : { 64, 128, 256, 512, 1024, 2048, 4096 })
+    for (int size : audiofft::streamingSizes)
     {
         audiofft::SplitRealFft fft;
         fft.init (size);

@@ -104,7 +104,7 @@ TEST (SplitRealFft, ShippedWisdomCoversEveryStreamingSize)
     if (fftwf_import_wisdom_from_string (audiofft::shippedWisdom) == 0)
         GTEST_SKIP() << "this FFTW (" << fftwf_version << ") does not take the shipped wisdom";
 
-    for (int size : { 64, 128, 256, 512, 1024, 2048, 4096 })
+    for (int size : audiofft::streamingSizes)
     {
         audiofft::AlignedFloats time ((size_t) size), bins ((size_t) size + 2);
         auto* spectrum = reinterpret_cast<fftwf_complex*> (bins.data());
