@@ -263,4 +263,37 @@ int runCommandLine (const juce::StringArray& args, std::ostream& out, std::ostre
         return (int) ExitCode::internalError;
     }
 }
+
+bool isWellFormedUtf8 (const char* bytes, size_t size) noexcept
+{
+    const auto* text = reinterpret_cast<const unsigned char*> (bytes);
+
+    for (size_t i = 0; i < size;)
+    {
+        const auto lead = text[i];
+        const auto length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xe ? 3 : (lead >> 3) == 0x1e ? 4 : 0;
+
+        if (length == 0 || i + (size_t) length > size)
+            return false;
+
+        uint32_t codePoint = length == 1 ? lead : (uint32_t) (lead & (0x7f >> length));
+
+        for (int k = 1; k < length; ++k)
+        {
+            if ((text[i + (size_t) k] & 0xc0) != 0x80)
+                return false;
+
+            codePoint = (codePoint << 6) | (uint32_t) (text[i + (size_t) k] & 0x3f);
+        }
+
+        const uint32_t shortest[] = { 0, 0, 0x80, 0x800, 0x10000 };
+
+        if (codePoint < shortest[length] || codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff))
+            return false;
+
+        i += (size_t) length;
+    }
+
+    return true;
+}
 }

@@ -16,10 +16,10 @@ int main (int argc, char* argv[])
     juce::ScopedJuceInitialiser_GUI juceInitialiser;
     quenda::cli::interrupt::installHandlers();
 
-    // JUCE's string functions assume UTF-8 and run past the end of anything else.
+    // JUCE's string functions assume well-formed UTF-8 and run past the end of anything else.
     for (int i = 1; i < argc; ++i)
     {
-        if (! juce::CharPointer_UTF8::isValidString (argv[i], (int) std::strlen (argv[i])))
+        if (! quenda::cli::isWellFormedUtf8 (argv[i], std::strlen (argv[i])))
         {
             std::cerr << "quenda-render: argument " << i << " is not valid UTF-8; rename the file or use a UTF-8 locale\n";
             return (int) quenda::cli::ExitCode::badUsage;

@@ -2,6 +2,7 @@
 // Command lines, one argument per line of the input. Whatever parses must hold only values
 // the renderer can use; everything else must be a bad-usage error, never a crash.
 
+#include "Cli.h"
 #include "CliError.h"
 #include "Options.h"
 #include "processor/PluginProcessor.h"
@@ -37,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
     const auto* bytes = reinterpret_cast<const char*> (data);
 
     // main() refuses arguments that are not UTF-8 before they reach the parser.
-    if (std::memchr (bytes, 0, size) != nullptr || ! juce::CharPointer_UTF8::isValidString (bytes, (int) size))
+    if (std::memchr (bytes, 0, size) != nullptr || ! quenda::cli::isWellFormedUtf8 (bytes, size))
         return 0;
 
     const auto text = juce::String::fromUTF8 (bytes, (int) size);
