@@ -107,6 +107,7 @@ namespace quenda::cli
         std::unique_ptr<juce::AudioFormatWriter> writer;
         std::vector<int> integerSamples;        // per channel, left-justified as the format writers take them
         std::vector<const int*> channelData;
+        std::vector<juce::uint32> ditherDraws;  // two per sample, per channel
         juce::uint64 ditherState = 0x5175656e;     // a fixed seed: the same samples always get the same dither
         float peakLevel = 0.0f;
         juce::int64 clipped = 0;

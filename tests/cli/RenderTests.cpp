@@ -3,6 +3,7 @@
 // summary's peak and clip count, the formats in and out, and reproducible 16-bit dither.
 
 #include "TestSupport.h"
+#include "AudioFiles.h"
 
 namespace quenda::cli::test
 {
@@ -126,5 +127,43 @@ TEST (Formats, SixteenBitDitherIsReproducibleAndKeepsQuietDetail)
     }
     EXPECT_GT (correlation, 0.0);
     EXPECT_LT (std::sqrt (error / quiet.getNumSamples()), 1.0);
+}
+
+TEST (Formats, SixteenBitLevelsAreTheLibraryGeneratorsTriangularRounding)
+{
+    // Stereo, odd lengths across the writer's conversion chunks, levels beyond full scale and
+    // non-finite samples: each level is floor (x * 32768 + u1 - u2 + 0.5), limited, with u1, u2
+    // drawn in interleaved order from juce::Random at the writer's seed.
+    TempFolder temp;
+    auto audio = noise (2, 9001);
+    audio.applyGain (5.0f);
+    audio.setSample (0, 17, std::numeric_limits<float>::quiet_NaN());
+    audio.setSample (1, 18, std::numeric_limits<float>::infinity());
+    audio.setSample (0, 19, -std::numeric_limits<float>::infinity());
+
+    {
+        PendingFile target (temp["levels.wav"], false);
+        AudioFileWriter writer (target, chooseOutputFormat (target.destination(), 16, 32, true), 48000.0, 2);
+        writer.write (audio, 0, 4099);
+        writer.write (audio, 4099, audio.getNumSamples() - 4099);
+        writer.close();
+        target.commit();
+    }
+
+    const auto written = readAudio (temp["levels.wav"]).audio;
+    ASSERT_EQ (written.getNumSamples(), audio.getNumSamples());
+    juce::Random generator (0x5175656e);
+    int wrong = 0;
+
+    for (int i = 0; i < audio.getNumSamples(); ++i)
+        for (int channel = 0; channel < 2; ++channel)
+        {
+            const auto first = (double) generator.nextFloat();
+            const auto exact = audio.getSample (channel, i) * 32768.0 + (first - (double) generator.nextFloat()) + 0.5;
+            const auto expected = std::isnan (exact) ? 0.0 : juce::jlimit (-32768.0, 32767.0, std::floor (exact));
+            wrong += (int) (written.getSample (channel, i) * 32768.0 != expected);
+        }
+
+    EXPECT_EQ (wrong, 0);
 }
 }
