@@ -161,10 +161,16 @@ int TiltStage::fftSizeFor (int blockSize) noexcept
     return size;
 }
 
+int TiltStage::tapsFor (int maximumBlockSize) noexcept
+{
+    // An overlap-save block applies at most kernelLength + blockSize - 1 taps of the
+    // minimum-phase response; its later samples only ever wrapped around there.
+    return std::min (fftSizeFor (maximumBlockSize), tilt::kernelLength + std::max (maximumBlockSize, 1) - 1);
+}
+
 tilt::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)
 {
-    const auto minimumPhaseTaps = std::min (fftSizeFor (maximumBlockSize), tilt::minimumPhaseFftSize);
-    return tilt::PartitionLayout::forBlockSize (maximumBlockSize, std::max (tilt::kernelLength, minimumPhaseTaps));
+    return tilt::PartitionLayout::forBlockSize (maximumBlockSize, tapsFor (maximumBlockSize));
 }
 
 void TiltStage::prepare (int maximumBlockSize)

@@ -79,8 +79,10 @@ public:
         kernels are designed at. */
     static int fftSizeFor (int blockSize) noexcept;
 
-    /** Partitions for blocks of up to maximumBlockSize, long enough for the minimum-phase
-        kernels designed at that size. */
+    /** Taps of a kernel that an overlap-save block of up to maximumBlockSize applies. */
+    static int tapsFor (int maximumBlockSize) noexcept;
+
+    /** Partitions for blocks of up to maximumBlockSize, holding tapsFor() taps. */
     static tilt::PartitionLayout layoutFor (int maximumBlockSize);
 
     void prepare (int maximumBlockSize);

@@ -39,8 +39,7 @@ namespace
         {
             oracle.prepare (largestBlock);
             oracle.design (rate);
-            const auto taps = std::max (tilt::kernelLength, std::min (oracle.getFftSize(), tilt::minimumPhaseFftSize));
-            layout = tilt::PartitionLayout::forBlockSize (declaredBlock, taps);
+            layout = tilt::PartitionLayout::forBlockSize (declaredBlock, TiltStage::tapsFor (largestBlock));
             bank.prepare (layout, oracle.getFftSize());
             bank.design (rate);
             convolver.prepare (layout);
