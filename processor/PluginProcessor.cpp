@@ -103,6 +103,25 @@ QuendaAudioProcessor::QuendaAudioProcessor()
 QuendaAudioProcessor::~QuendaAudioProcessor()
 {
     cancelPendingUpdate();
+    destroying = true;
+
+    // Some hosts delete an instance on a thread of their own (JUCE's LV2 host does on every
+    // prepareToPlay) while its message thread is designing: that design finishes first.
+    {
+        const std::lock_guard<std::mutex> designEnded (asyncDesign);
+    }
+
+    // An update the message thread had already taken out of the queue when it was cancelled
+    // has not reached handleAsyncUpdate yet: one round trip there lets it see `destroying`.
+    auto* messageManager = juce::MessageManager::getInstanceWithoutCreating();
+
+    if (messageManager != nullptr && ! messageManager->isThisTheMessageThread())
+    {
+        auto roundTrip = std::make_shared<juce::WaitableEvent>();
+
+        if (juce::MessageManager::callAsync ([roundTrip] { roundTrip->signal(); }))
+            roundTrip->wait (2000);
+    }
 }
 
 const juce::String QuendaAudioProcessor::getProgramName (int)
@@ -153,7 +172,10 @@ void QuendaAudioProcessor::requestFilterComputation()
 
 void QuendaAudioProcessor::handleAsyncUpdate()
 {
-    computeFilters();
+    const std::lock_guard<std::mutex> running (asyncDesign);
+
+    if (! destroying)
+        computeFilters();
 }
 
 void QuendaAudioProcessor::computeFilters()

@@ -10,6 +10,9 @@
 
 #include <juce_audio_processors/juce_audio_processors.h>
 
+#include <atomic>
+#include <mutex>
+
 /** Quenda: a spectral tilt, a low and a high shelf, then an output trim.
 
     The parameter indices (tiltIndex ...) come from ParameterTable, in host order.
@@ -132,6 +135,8 @@ private:
     double preparedSampleRate = 0.0;
 
     const bool computeOnRequestingThread;
+    std::mutex asyncDesign;                // held by a design that runs from the async update
+    std::atomic<bool> destroying { false };
     platform::NamedSemaphore& engineLock;
     platform::NamedSemaphore& filtersLock;
 

@@ -171,3 +171,31 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
     EXPECT_TRUE (restores > 10 && reconfigurations > 0) << restores << " restores";
     EXPECT_EQ (0, firstAudio.nonFiniteBlocks + secondAudio.nonFiniteBlocks);
 }
+
+// Hosts that delete an instance on a thread of their own while its message thread is still
+// designing kernels (JUCE's LV2 host does so on every prepareToPlay): the design finishes
+// first, and an update taken out of the queue just before the deletion never runs.
+TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
+{
+    constexpr int instances = 12;
+    std::atomic<int> deleted { 0 };
+
+    std::thread host ([&]
+    {
+        for (int i = 0; i < instances; ++i)
+        {
+            auto processor = std::make_unique<P>();   // posts a design of its own
+            processor->setRateAndBufferSizeDetails (48000.0, 512);
+            processor->triggerAsyncUpdate();
+            std::this_thread::sleep_for (std::chrono::milliseconds (i % 4));
+            processor.reset();
+            ++deleted;
+        }
+    });
+
+    while (deleted.load() < instances)
+        juce::MessageManager::getInstance()->runDispatchLoopUntil (1);
+
+    host.join();
+    EXPECT_EQ (deleted.load(), instances);
+}
