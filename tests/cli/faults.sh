@@ -12,7 +12,7 @@ work=$(mktemp -d /tmp/quenda-faults.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 failures=0
 
-# 20 s of stereo noise at 48 kHz, 16-bit; rendered in 32-sample linear-phase blocks it takes
+# 20 s of stereo noise at 48 kHz, 16-bit; rendered in 1-sample linear-phase blocks it takes
 # long enough for every fault to land mid-render.
 make_wav () {
     python3 - "$1" "$2" <<'PY'
@@ -28,7 +28,7 @@ PY
 
 make_wav "$work/original.wav" 1
 make_wav "$work/other.wav" 2
-slow=(--lin-phase --tilt 0.5 --block-size 32 -q)
+slow=(--lin-phase --tilt 0.5 --block-size 1 -q)
 
 # Waits until the render's temporary file (".out.wav.XXXXXX") holds data: writing is under way.
 wait_for_temp () {
