@@ -203,7 +203,9 @@ namespace
         which reading reports as truncation. Notes where the metadata chunks that JUCE reads
         unsafely start (WAV XML: read past the end of malformed text, or an endless loop on
         some damaged XML; AIFF 'cate': read past the chunk). Renders need none of them. */
-    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds)
+    /** Also notes the most channels any WAV format chunk declares: JUCE's WAV reader gives
+        channels past its channel types (over 128) values its own enum cannot hold. */
+    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds, int& declaredChannels)
     {
         const auto total = in.getTotalLength();
         char kind[4] {};
@@ -230,6 +232,13 @@ namespace
 
             if (isRiff ? (is (id, "iXML") || is (id, "axml")) : is (id, "cate"))
                 unsafeChunkIds.push_back (start - 8);
+
+            if (isRiff && is (id, "fmt ") && size >= 4)
+            {
+                in.skipNextBytes (2);
+                const auto channels = (int) (juce::uint16) (bigEndian ? in.readShortBigEndian() : in.readShort());
+                declaredChannels = std::max (declaredChannels, channels);
+            }
 
             const auto name = [&]
             {
@@ -295,10 +304,20 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (stream->failedToOpen())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": cannot read: " + stream->getStatus().getErrorMessage());
 
-    std::vector<juce::int64> unsafeChunkIds;
+    const auto refuseChannels = [&] (int channels)
+    {
+        return CliError (ExitCode::badFormat, quoted (file) + " has " + juce::String (channels)
+                                              + " channels; Quenda is a stereo equaliser and takes mono or stereo files");
+    };
 
-    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds); problem.isNotEmpty())
+    std::vector<juce::int64> unsafeChunkIds;
+    auto declaredChannels = 0;
+
+    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds, declaredChannels); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
+
+    if (declaredChannels > 2)
+        throw refuseChannels (declaredChannels);
 
     // Reads of one block at a time would each be a system call.
     auto watched = std::make_unique<ShortReadWatch> (std::make_unique<juce::BufferedInputStream> (stream.release(), 1 << 16, true));
@@ -320,8 +339,7 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
         throw CliError (ExitCode::badFormat, quoted (file) + ": not a WAV, AIFF or FLAC file, or its header is damaged");
 
     if (reader->numChannels < 1 || reader->numChannels > 2)
-        throw CliError (ExitCode::badFormat, quoted (file) + " has " + juce::String (reader->numChannels)
-                                              + " channels; Quenda is a stereo equaliser and takes mono or stereo files");
+        throw refuseChannels ((int) reader->numChannels);
 
     if (! (reader->sampleRate >= 8000.0 && reader->sampleRate < 384000.0))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
