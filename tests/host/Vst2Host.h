@@ -56,12 +56,9 @@ inline PluginMain builtPluginEntry()
 class Instance
 {
 public:
-    Instance() : Instance (builtPluginEntry()) {}
-
-    /** An instance of another plug-in, from its entry point. */
-    explicit Instance (PluginMain entry)
+    Instance()
     {
-        effect = entry (hostCallback);
+        effect = builtPluginEntry() (hostCallback);
         if (effect == nullptr || effect->magic != 0x56737450)
             throw std::runtime_error ("VSTPluginMain returned no effect");
         dispatch (effOpen);
