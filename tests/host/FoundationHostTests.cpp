@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What a VST2 host sees of Quenda.so: identity, parameters, programs, latency, chunks, audio.
+// What a VST2 host sees of Quenda.so: identity, parameters, programs, latency, chunks, and
+// processed audio from the first block.
 
-#include "Vst2Host.h"
+#include "HostSession.h"
 
 #include <gtest/gtest.h>
 #include <cstring>
@@ -74,4 +75,34 @@ TEST (Vst2Foundation, PlainUnclampedValuesReachTheChunkAndComeBack)
     for (auto [index, value] : writes)
         EXPECT_EQ (value, restored.getParameter (index)) << index;
     EXPECT_EQ (chunk, restored.getChunk());
+}
+
+// In an ordinary host (not WaveLab) too, the kernels exist from the first block: they are
+// designed when the host prepares playback, not requested by the audio thread.
+TEST (KernelScheduling, AnOrdinaryHostGetsProcessedBlocksFromTheFirst)
+{
+    for (float linPhase : { 1.0f, 0.0f })
+    {
+        Settings settings;
+        settings.tilt = -0.8f;
+        settings.linPhase = linPhase;
+        Session session (512, settings);
+        EXPECT_EQ (linPhase > 0 ? 3249 : 0, session.plugin.latency());
+
+        for (int b = 0; b < 8; ++b)
+            session.block (b % 2 == 0 ? 512 : 100, "from the first block");
+    }
+}
+
+TEST (KernelScheduling, ClosingInstancesWithComputationsPendingIsSafe)
+{
+    for (int i = 0; i < 20; ++i)
+    {
+        vst2host::Instance plugin;
+        plugin.setParameter (0, 0.5f);
+        plugin.start (44100.0f + (float) i, 128);
+        std::vector<float> left (128, 0.25f), right (128, -0.25f);
+        plugin.process (left, right, 0, 128);
+        plugin.process (left, right, 0, 128);
+    }
 }
