@@ -6,9 +6,7 @@
 #include "Options.h"
 #include "Cli.h"
 
-#include <csignal>
 #include <cstring>
-#include <sys/resource.h>
 
 namespace quenda::cli::test
 {
@@ -104,23 +102,5 @@ TEST (Options, ArgumentsMustBeWellFormedUtf8)
     for (const char* bad : { "--trim\xf0\x85\x96\x91", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80",
                              "\xf4\x90\x80\x80", "\xc3", "\x80", "\xff" })
         EXPECT_FALSE (isWellFormedUtf8 (bad, std::strlen (bad))) << bad;
-}
-
-TEST (Options, WriteFailingMidRenderLeavesNoFile)
-{
-    TempFolder temp;
-    writeAudio (temp["in.wav"], noise (2, 96000));
-
-    // A file size limit makes writes fail partway, as a full disk would.
-    rlimit previous {};
-    ASSERT_EQ (::getrlimit (RLIMIT_FSIZE, &previous), 0);
-    std::signal (SIGXFSZ, SIG_IGN);
-    const rlimit limited { 64 * 1024, previous.rlim_max };
-    ASSERT_EQ (::setrlimit (RLIMIT_FSIZE, &limited), 0);
-    const auto result = render ({ temp ("in.wav"), temp ("out.wav"), "--tilt", "0.5" });
-    ::setrlimit (RLIMIT_FSIZE, &previous);
-
-    EXPECT_EQ (result.code, (int) ExitCode::outputUnwritable) << result.err;
-    EXPECT_EQ (temp.count(), 1);
 }
 }

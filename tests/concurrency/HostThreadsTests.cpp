@@ -16,15 +16,12 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <iostream>
 #include <mutex>
 #include <thread>
 
 namespace
 {
     using P = QuendaAudioProcessor;
-
-    bool isFinite (float x)  { return std::isfinite (x); }
 
     // Values inside the editor's ranges, where the output must stay finite at every rate used here.
     float randomPlainValue (juce::Random& random, int index)
@@ -80,6 +77,7 @@ namespace
                 processor.processBlock (view, midi);
 
                 const auto* const* channels = view.getArrayOfReadPointers();
+                const auto isFinite = [] (float x) { return std::isfinite (x); };
                 nonFiniteBlocks += std::all_of (channels[0], channels[0] + n, isFinite) && std::all_of (channels[1], channels[1] + n, isFinite) ? 0 : 1;
                 ++blocksPlayed;
             }
@@ -161,10 +159,6 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
     for (auto* thread : { &firstThread, &secondThread, &automation })
         thread->join();
     editor.reset();
-
-    std::cout << "host threads: " << firstAudio.blocksPlayed + secondAudio.blocksPlayed << " blocks, "
-              << automationWrites << " automation writes, " << restores << " state restores and kernel designs, "
-              << reconfigurations << " rate or block size changes\n";
 
     // Everything ran often enough to meet the others, and no block came out non-finite.
     EXPECT_GT (std::min ({ firstAudio.blocksPlayed, secondAudio.blocksPlayed, automationWrites }), 100);

@@ -67,27 +67,6 @@ TEST (Biquad, ShelvesMeetTheirAnalyticGainsAndBoostUndoesCut)
     EXPECT_EQ (Biquad().process (0.3f), 0.3f);
 }
 
-TEST (Biquad, ConfigureRedesignsOnlyOnANewGainAndNeverTouchesTheState)
-{
-    const double q = 0.35, v6 = std::pow (10.0, 6.0 / 20.0), v3 = std::pow (10.0, 3.0 / 20.0);
-    Biquad b;
-    b.configure (Biquad::lowShelfQ, 100.0, q, 6.0, 44100.0);
-    for (int n = 0; n < 64; ++n)
-        b.process (std::sin (0.3f * (float) n));
-
-    const double z1 = b.z1, z2 = b.z2;
-    b.configure (Biquad::lowShelfQ, 800.0, q, 6.0, 44100.0);   // same gain: still turns at 100 Hz
-    EXPECT_EQ (b.Fc, 800.0);
-    EXPECT_NEAR (std::abs (response (b, 100.0)), cornerGain (v6, q), 1e-6);
-
-    b.configure (Biquad::lowShelfQ, 800.0, q, -3.0, 44100.0);  // new gain: everything stored applies
-    EXPECT_NEAR (std::abs (response (b, 800.0)), 1.0 / cornerGain (v3, q), 1e-6);
-    EXPECT_NEAR (std::abs (response (b, 0.0)), 1.0 / v3, 1e-9);
-    EXPECT_NE (z1, 0.0);   // and mid-stream, without a click
-    EXPECT_EQ (b.z1, z1);
-    EXPECT_EQ (b.z2, z2);
-}
-
 // The stereo path must be the one-channel recurrence to the bit, each channel in its own lane.
 TEST (Biquad, StereoCascadeMatchesTheSingleSectionsExactly)
 {

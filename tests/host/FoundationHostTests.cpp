@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What a VST2 host sees of Quenda.so: identity, parameters, programs, latency, chunks, audio.
+// What a VST2 host sees of Quenda.so: identity, parameters, programs, latency, chunks, and
+// processed audio from the first block.
 
-#include "Vst2Host.h"
+#include "HostSession.h"
 
 #include <gtest/gtest.h>
 #include <cstring>
@@ -45,38 +46,23 @@ TEST (Vst2Foundation, ParametersHaveHostNamesAndPlainDefaults)
     }
 }
 
-TEST (Vst2Foundation, NormalisationIsTheIdentityWithoutClamping)
+// Values outside 0..1 on purpose: a normalising or clamping parameter would store something else.
+TEST (Vst2Foundation, PlainUnclampedValuesReachTheChunkAndComeBack)
 {
-    Instance plugin;
-
-    plugin.setParameter (6, 0.3f);
-    EXPECT_EQ (0.3f, plugin.getParameter (6));
-    plugin.setParameter (0, -1.0f);
-    EXPECT_EQ (-1.0f, plugin.getParameter (0));
-    plugin.setParameter (7, 22000.0f);
-    EXPECT_EQ (22000.0f, plugin.getParameter (7));
-
-    // A fresh instance is unaffected by another one's edits.
-    Instance other;
-    EXPECT_EQ (150.0f, other.getParameter (6));
-    EXPECT_EQ (0.0f, other.getParameter (0));
-}
-
-TEST (Vst2Foundation, ChunkHoldsTheStateBlockAndRestoresIt)
-{
-    std::vector<char> chunk;
+    Instance plugin, restored;
+    const std::pair<int, float> writes[] = { { 0, -0.37f }, { 2, 1.0f }, { 6, 0.3f }, { 7, 22000.0f } };
+    for (auto [index, value] : writes)
     {
-        Instance plugin;
-        plugin.setParameter (0, -0.37f);
-        plugin.setParameter (2, 1.0f);
-        plugin.setParameter (6, 0.3f);
-        chunk = plugin.getChunk();
+        plugin.setParameter (index, value);
+        EXPECT_EQ (value, plugin.getParameter (index)) << index;
     }
+    EXPECT_EQ (150.0f, restored.getParameter (6)) << "another instance's edits leaked into this one";
 
+    const auto chunk = plugin.getChunk();
     ASSERT_GT (chunk.size(), 9u);
     const std::string expectedText = "<Params tilt=\"-0.37000000476837158203\" bypass=\"0\" lin_phase=\"1\" "
                                      "trim=\"0\" low=\"0\" high=\"0\" low_freq=\"0.30000001192092895508\" "
-                                     "high_freq=\"4500\"/>";
+                                     "high_freq=\"22000\"/>";
     unsigned char header[8];
     std::memcpy (header, chunk.data(), 8);
     EXPECT_EQ (0x56, header[0]);
@@ -85,11 +71,38 @@ TEST (Vst2Foundation, ChunkHoldsTheStateBlockAndRestoresIt)
     EXPECT_EQ (expectedText, std::string (chunk.data() + 8, chunk.size() - 9));
     EXPECT_EQ (0, chunk.back());
 
-    Instance restored;
     restored.setChunk (chunk);
-    EXPECT_EQ (-0.37f, restored.getParameter (0));
-    EXPECT_EQ (1.0f, restored.getParameter (2));
-    EXPECT_EQ (0.3f, restored.getParameter (6));
-    EXPECT_EQ (4500.0f, restored.getParameter (7));
+    for (auto [index, value] : writes)
+        EXPECT_EQ (value, restored.getParameter (index)) << index;
     EXPECT_EQ (chunk, restored.getChunk());
+}
+
+// In an ordinary host (not WaveLab) too, the kernels exist from the first block: they are
+// designed when the host prepares playback, not requested by the audio thread.
+TEST (KernelScheduling, AnOrdinaryHostGetsProcessedBlocksFromTheFirst)
+{
+    for (float linPhase : { 1.0f, 0.0f })
+    {
+        Settings settings;
+        settings.tilt = -0.8f;
+        settings.linPhase = linPhase;
+        Session session (512, settings);
+        EXPECT_EQ (linPhase > 0 ? 3249 : 0, session.plugin.latency());
+
+        for (int b = 0; b < 8; ++b)
+            session.block (b % 2 == 0 ? 512 : 100, "from the first block");
+    }
+}
+
+TEST (KernelScheduling, ClosingInstancesWithComputationsPendingIsSafe)
+{
+    for (int i = 0; i < 20; ++i)
+    {
+        vst2host::Instance plugin;
+        plugin.setParameter (0, 0.5f);
+        plugin.start (44100.0f + (float) i, 128);
+        std::vector<float> left (128, 0.25f), right (128, -0.25f);
+        plugin.process (left, right, 0, 128);
+        plugin.process (left, right, 0, 128);
+    }
 }

@@ -58,7 +58,7 @@ class Instance
 public:
     Instance() : Instance (builtPluginEntry()) {}
 
-    /** An instance of another plug-in, from its entry point. */
+    /** An instance of another plug-in, from its entry point (the peer bench's). */
     explicit Instance (PluginMain entry)
     {
         effect = entry (hostCallback);

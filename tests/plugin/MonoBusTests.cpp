@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // A one-channel bus: only channel 0 is processed, and bypass leaves the high shelf's gain.
 
-#include "processor/PluginProcessor.h"
-#include "tests/support/Signals.h"
+#include "tests/support/ReadyProcessor.h"
 
 #include <gtest/gtest.h>
 #include <cmath>
@@ -23,11 +22,6 @@ namespace
                 return 20.0 * std::log10 (buffer.getRMSLevel (0, 0, 512) / input);
         }
     }
-
-    void set (QuendaAudioProcessor& processor, int index, float value)
-    {
-        processor.getParameters()[index]->setValueNotifyingHost (value);
-    }
 }
 
 TEST (MonoBus, BypassTakesTheLowShelfToNeutralButKeepsTheHighShelf)
@@ -38,15 +32,15 @@ TEST (MonoBus, BypassTakesTheLowShelfToNeutralButKeepsTheHighShelf)
         ASSERT_TRUE (processor.setBusesLayout ({ { juce::AudioChannelSet::canonicalChannelSet (numChannels) },
                                                  { juce::AudioChannelSet::canonicalChannelSet (numChannels) } }));
         processor.setRateAndBufferSizeDetails (48000.0, 512);
-        set (processor, QuendaAudioProcessor::highIndex, 3.0f);
-        set (processor, QuendaAudioProcessor::lowIndex, 6.0f);
+        quenda_test::setParameter (processor, QuendaAudioProcessor::highIndex, 3.0f);
+        quenda_test::setParameter (processor, QuendaAudioProcessor::lowIndex, 6.0f);
         processor.prepareToPlay (48000.0, 512);
 
         // Well above the high corner and far from the low one.
         EXPECT_NEAR (3.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
         EXPECT_GT (sineGainDb (processor, numChannels, 30.0, 40), 4.5) << numChannels;
 
-        set (processor, QuendaAudioProcessor::bypassIndex, 1.0f);
+        quenda_test::setParameter (processor, QuendaAudioProcessor::bypassIndex, 1.0f);
         EXPECT_NEAR (numChannels == 1 ? 3.0 : 0.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
         EXPECT_NEAR (0.0, sineGainDb (processor, numChannels, 30.0, 40), 0.3) << numChannels;
     }

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <limits>
 
-TEST (Parameters, IdsInIndexOrderAndNonFiniteWritesIgnored)
+TEST (Parameters, IdsInIndexOrderSwitchPointAndNonFiniteWritesIgnored)
 {
     QuendaAudioProcessor processor;
     const auto& parameters = processor.getParameters();
@@ -20,7 +20,14 @@ TEST (Parameters, IdsInIndexOrderAndNonFiniteWritesIgnored)
         EXPECT_EQ (juce::String (ids[i]), dynamic_cast<juce::AudioProcessorParameterWithID&> (*parameters[i]).paramID);
 
         if (i == 1 || i == 2)
+        {
+            // A switch is on from one half.
+            parameters[i]->setValue (0.49f);
+            EXPECT_EQ (0.0f, processor.getParameterValues()[(size_t) i]) << ids[i];
+            parameters[i]->setValue (0.5f);
+            EXPECT_EQ (1.0f, processor.getParameterValues()[(size_t) i]) << ids[i];
             continue;
+        }
 
         // A NaN reaching a shelf's feedback path would silence the channel for good.
         const auto before = parameters[i]->getValue();
@@ -29,16 +36,6 @@ TEST (Parameters, IdsInIndexOrderAndNonFiniteWritesIgnored)
             parameters[i]->setValueNotifyingHost (bad);
         EXPECT_EQ (before, parameters[i]->getValue()) << ids[i];
     }
-}
-
-TEST (Parameters, SwitchesCountAsOnFromOneHalf)
-{
-    QuendaAudioProcessor processor;
-    auto* bypass = processor.getParameters()[QuendaAudioProcessor::bypassIndex];
-    bypass->setValue (0.49f);
-    EXPECT_EQ (0.0f, processor.getParameterValues()[QuendaAudioProcessor::bypassIndex]);
-    bypass->setValue (0.5f);
-    EXPECT_EQ (1.0f, processor.getParameterValues()[QuendaAudioProcessor::bypassIndex]);
 }
 
 namespace
