@@ -164,8 +164,10 @@ int TiltStage::fftSizeFor (int blockSize) noexcept
 int TiltStage::tapsFor (int maximumBlockSize) noexcept
 {
     // An overlap-save block applies at most kernelLength + blockSize - 1 taps of the
-    // minimum-phase response; its later samples only ever wrapped around there.
-    return std::min (fftSizeFor (maximumBlockSize), tilt::kernelLength + std::max (maximumBlockSize, 1) - 1);
+    // minimum-phase response (its later samples only ever wrapped around there), and the
+    // response has no more samples than the derivation's transform.
+    return std::min ({ fftSizeFor (maximumBlockSize), tilt::minimumPhaseFftSize,
+                       tilt::kernelLength + std::max (maximumBlockSize, 1) - 1 });
 }
 
 tilt::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)
