@@ -103,6 +103,46 @@ namespace
         }
     }
 
+    // The same for two channels at once: each kernel spectrum is read once for both.
+    QUENDA_VECTOR_CLONES
+    void sumOfProductsForTwo (float* __restrict firstRe, float* __restrict firstIm,
+                              float* __restrict secondRe, float* __restrict secondIm,
+                              const float* const* xRe, const float* const* xIm,
+                              const float* const* yRe, const float* const* yIm,
+                              const float* hRe, const float* hIm, int hStride, int partitions, int bins) noexcept
+    {
+        for (int start = 0; start < bins; start += binsPerRun)
+        {
+            float re[binsPerRun] = {}, im[binsPerRun] = {}, re2[binsPerRun] = {}, im2[binsPerRun] = {};
+
+            for (int p = 0; p < partitions; ++p)
+            {
+                const auto* __restrict ar = xRe[p] + start;
+                const auto* __restrict ai = xIm[p] + start;
+                const auto* __restrict cr = yRe[p] + start;
+                const auto* __restrict ci = yIm[p] + start;
+                const auto* __restrict br = hRe + p * hStride + start;
+                const auto* __restrict bi = hIm + p * hStride + start;
+
+                for (int i = 0; i < binsPerRun; ++i)
+                {
+                    re[i] += ar[i] * br[i] - ai[i] * bi[i];
+                    im[i] += ai[i] * br[i] + ar[i] * bi[i];
+                    re2[i] += cr[i] * br[i] - ci[i] * bi[i];
+                    im2[i] += ci[i] * br[i] + cr[i] * bi[i];
+                }
+            }
+
+            for (int i = 0; i < binsPerRun; ++i)
+            {
+                firstRe[start + i] = re[i];
+                firstIm[start + i] = im[i];
+                secondRe[start + i] = re2[i];
+                secondIm[start + i] = im2[i];
+            }
+        }
+    }
+
     // base + a * b into separate output arrays.
     QUENDA_VECTOR_CLONES
     void multiplyAddInto (float* __restrict outRe, float* __restrict outIm,
@@ -429,6 +469,47 @@ void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int
                    kernels.re (0, k, 1), kernels.im (0, k, 1), head.stride, past, bins);
 
     pastChunk[(size_t) k] = chunk;
+}
+
+void PartitionedConvolver::updatePastSums (PartitionedConvolver& first, PartitionedConvolver& second,
+                                           const PartitionedKernels& kernels, unsigned kernelMask) noexcept
+{
+    // Only where a chunk starts, in step, for kernels that stay in use (a kernel coming into
+    // use is caught up, which clears its sums).
+    if (first.headFill != 0 || second.headFill != 0 || first.time != second.time)
+        return;
+
+    auto& head = first.levels.front();
+    auto& otherHead = second.levels.front();
+    const auto chunk = first.time / head.size;
+    const auto slot = head.slotOf (chunk);
+
+    forEachKernel (kernelMask & first.activeMask & second.activeMask, [&] (int k)
+    {
+        if (first.pastChunk[(size_t) k] == chunk || second.pastChunk[(size_t) k] == chunk)
+            return;
+
+        const auto past = std::max (0, kernels.usedPartitions (0, k) - 1);
+        std::array<const float*, maxHeadPartitions> xRe {}, xIm {}, yRe {}, yIm {};
+
+        for (int p = 1; p <= past; ++p)
+        {
+            const auto before = head.slotBefore (slot, p);
+            xRe[(size_t) p - 1] = head.spectrumRe (before);
+            xIm[(size_t) p - 1] = head.spectrumIm (before);
+            yRe[(size_t) p - 1] = otherHead.spectrumRe (before);
+            yIm[(size_t) p - 1] = otherHead.spectrumIm (before);
+        }
+
+        const auto bins = (head.size + binsPerRun) / binsPerRun * binsPerRun;
+        sumOfProductsForTwo (head.sumRe[(size_t) k].data(), head.sumIm[(size_t) k].data(),
+                             otherHead.sumRe[(size_t) k].data(), otherHead.sumIm[(size_t) k].data(),
+                             xRe.data(), xIm.data(), yRe.data(), yIm.data(),
+                             kernels.re (0, k, 1), kernels.im (0, k, 1), head.stride, past, bins);
+
+        first.pastChunk[(size_t) k] = chunk;
+        second.pastChunk[(size_t) k] = chunk;
+    });
 }
 
 void PartitionedConvolver::addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept

@@ -240,6 +240,9 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
     {
         const auto count = std::min (pieceSize, n - start);
 
+        if (used == 2)
+            tilt::PartitionedConvolver::updatePastSums (convolvers[0], convolvers[1], *kernels.partitions, mask);
+
         for (int c = 0; c < used; ++c)
         {
             auto* samples = channels[c] + start;
