@@ -19,9 +19,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#if defined (__SSE2__) || defined (_M_X64)
- #include <emmintrin.h>
-#endif
 
 namespace quenda::cli
 {
@@ -550,72 +547,55 @@ namespace
     // Samples converted per call to the format writer: bounds the buffers for any block size.
     constexpr int conversionChunk = 4096;
 
-    /** juce::Random's generator and its nextFloat(): the dither a 16-bit file gets. Each
-        sample takes the difference of two draws (triangular, +-1). */
-    struct DitherSequence
+    constexpr float ditherScale = 32768.0f;
+
+    /** A 16-bit level of each of four samples: TPDF dither of +-1 step from two draws, half a
+        step, then floored, within the format's range. NaN gives 0. */
+    DitherNoise::Ints ditheredLevels (DitherNoise::Floats samples, DitherNoise::Words first, DitherNoise::Words second) noexcept
     {
-        static constexpr juce::uint64 multiplier = 0x5deece66dULL, increment = 11, mask = 0xffffffffffffULL;
+        using Ints = DitherNoise::Ints;
+        using Floats = DitherNoise::Floats;
 
-        // Two steps at once, both from the same state, so the multiplications run side by side.
-        static constexpr juce::uint64 multiplierTwice = (multiplier * multiplier) & mask;
-        static constexpr juce::uint64 incrementTwice = (multiplier * increment + increment) & mask;
+        // 24 bits of each draw: their difference converts exactly.
+        const auto dither = __builtin_convertvector ((Ints) (first >> 8) - (Ints) (second >> 8), Floats) * (1.0f / 16777216.0f);
+        auto exact = samples * ditherScale + dither + 0.5f;
+        exact = exact == exact ? exact : Floats {};
+        exact = exact < -ditherScale ? Floats {} - ditherScale : exact;
+        const auto limited = exact > ditherScale - 1.0f ? Floats {} + (ditherScale - 1.0f) : exact;
+        const auto truncated = __builtin_convertvector (limited, Ints);
+        return truncated + (limited < __builtin_convertvector (truncated, Floats));   // true is -1
+    }
+}
 
-        /** The 32 bits nextFloat() scales, for the next two draws. */
-        static void nextPair (juce::uint64& state, juce::uint32& first, juce::uint32& second) noexcept
-        {
-            const auto firstState = (state * multiplier + increment) & mask;
-            state = (state * multiplierTwice + incrementTwice) & mask;
-            first = (juce::uint32) (firstState >> 16);
-            second = (juce::uint32) (state >> 16);
-        }
-
-        static double uniform (juce::uint32 bits) noexcept
-        {
-            const auto value = (float) bits / 4294967296.0f;
-            return value == 1.0f ? 1.0f - std::numeric_limits<float>::epsilon() : value;
-        }
+DitherNoise::DitherNoise (std::uint64_t seed) noexcept
+{
+    // splitmix64 spreads the seed over the four generators' states; none may be all zero.
+    auto nextWord = [&seed]
+    {
+        seed += 0x9e3779b97f4a7c15ULL;
+        auto mixed = seed;
+        mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9ULL;
+        mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebULL;
+        return (std::uint32_t) ((mixed ^ (mixed >> 31)) >> 32);
     };
 
-    constexpr double ditherScale = 32768.0;
-
-    /** Rounds to the 16-bit grid by flooring after adding half a step: limited first, then
-        floored by truncation, the same level as a floor and then the limits. */
-    int ditheredLevel (float sample, juce::uint32 first, juce::uint32 second) noexcept
+    for (int lane = 0; lane < lanes; ++lane)
     {
-        const auto exact = (double) sample * ditherScale + (DitherSequence::uniform (first) - DitherSequence::uniform (second)) + 0.5;
-        const auto limited = std::isnan (exact) ? 0.0 : std::min (std::max (exact, -ditherScale), ditherScale - 1.0);
-        const auto truncated = (int) limited;
-        return truncated - (limited < (double) truncated ? 1 : 0);
+        x[lane] = nextWord() | 1u;
+        y[lane] = nextWord();
+        z[lane] = nextWord();
+        w[lane] = nextWord();
     }
+}
 
-   #if defined (__SSE2__) || defined (_M_X64)
-    /** The same arithmetic four samples at a time; the output is bit-identical. */
-    struct Uniforms { __m128d low, high; };
-
-    Uniforms uniforms (const juce::uint32* bits) noexcept
-    {
-        // Unsigned to double exactly, through the signed conversion; then to float as the
-        // generator rounds.
-        const auto raw = _mm_xor_si128 (_mm_loadu_si128 (reinterpret_cast<const __m128i*> (bits)), _mm_set1_epi32 (INT_MIN));
-        const auto offset = _mm_set1_pd (2147483648.0);
-        const auto low = _mm_add_pd (_mm_cvtepi32_pd (raw), offset);
-        const auto high = _mm_add_pd (_mm_cvtepi32_pd (_mm_srli_si128 (raw, 8)), offset);
-        auto value = _mm_mul_ps (_mm_movelh_ps (_mm_cvtpd_ps (low), _mm_cvtpd_ps (high)), _mm_set1_ps (1.0f / 4294967296.0f));
-        const auto isOne = _mm_cmpeq_ps (value, _mm_set1_ps (1.0f));
-        value = _mm_or_ps (_mm_and_ps (isOne, _mm_set1_ps (1.0f - std::numeric_limits<float>::epsilon())), _mm_andnot_ps (isOne, value));
-        return { _mm_cvtps_pd (value), _mm_cvtps_pd (_mm_movehl_ps (value, value)) };
-    }
-
-    __m128i ditheredLevels (__m128d samples, __m128d dither) noexcept
-    {
-        auto exact = _mm_add_pd (_mm_add_pd (_mm_mul_pd (samples, _mm_set1_pd (ditherScale)), dither), _mm_set1_pd (0.5));
-        exact = _mm_and_pd (exact, _mm_cmpord_pd (exact, exact));
-        const auto limited = _mm_min_pd (_mm_max_pd (exact, _mm_set1_pd (-ditherScale)), _mm_set1_pd (ditherScale - 1.0));
-        const auto truncated = _mm_cvtepi32_pd (_mm_cvttpd_epi32 (limited));
-        const auto floored = _mm_sub_pd (truncated, _mm_and_pd (_mm_cmplt_pd (limited, truncated), _mm_set1_pd (1.0)));
-        return _mm_cvttpd_epi32 (floored);
-    }
-   #endif
+DitherNoise::Words DitherNoise::next() noexcept
+{
+    const auto t = x ^ (x << 11);
+    x = y;
+    y = z;
+    z = w;
+    w = (w ^ (w >> 19)) ^ (t ^ (t >> 8));
+    return w;
 }
 
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
@@ -640,8 +620,13 @@ AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat&
 
     stream.release();
     integerSamples.resize ((size_t) numChannels * conversionChunk);
-    ditherDraws.resize ((size_t) (2 * numChannels) * conversionChunk);
     channelData.resize ((size_t) numChannels + 1, nullptr);
+
+    // A fixed seed per channel: the same samples always get the same dither.
+    for (int channel = 0; channel < numChannels; ++channel)
+        dither.emplace_back ((std::uint64_t) 0x5175656e00000000 + (std::uint64_t) (unsigned) channel);
+
+    ditherDraws.resize ((size_t) numChannels);
 }
 
 AudioFileWriter::~AudioFileWriter() = default;
@@ -706,38 +691,45 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
 
     if (bitDepth == 16)
     {
-        // TPDF dither of +-1 LSB and our own rounding to the 16-bit grid, placed in the top
-        // 16 bits the writer keeps. The draws go to the channels in interleaved order, so the
-        // seed alone fixes the result. The generator is one serial chain; the rounding after
-        // it is not, so the draws come first.
-        const auto* const* sources = block.getArrayOfReadPointers();
-
-        for (int i = 0; i < numSamples; ++i)
-            for (int channel = 0; channel < numChannels; ++channel)
-                DitherSequence::nextPair (ditherState, ditherDraws[(size_t) (2 * channel * conversionChunk + i)],
-                                          ditherDraws[(size_t) ((2 * channel + 1) * conversionChunk + i)]);
-
-        for (int channel = 0; channel < numChannels; ++channel)
+        // Sample n of a channel always takes lane n % 4 of its generator's (n / 4)th pair of
+        // draws, however the writes are cut, so the seed alone fixes the result.
+        for (int done = 0; done < numSamples;)
         {
-            const auto* source = sources[channel] + start;
-            const auto* first = ditherDraws.data() + (size_t) (2 * channel * conversionChunk);
-            const auto* second = first + conversionChunk;
-            auto* target = integerSamples.data() + (size_t) (channel * conversionChunk);
-            int i = 0;
+            if (ditherPhase == 0)
+                for (int channel = 0; channel < numChannels; ++channel)
+                {
+                    auto& draws = ditherDraws[(size_t) channel];
+                    draws.first = dither[(size_t) channel].next();
+                    draws.second = dither[(size_t) channel].next();
+                }
 
-           #if defined (__SSE2__) || defined (_M_X64)
-            for (; i + 4 <= numSamples; i += 4)
+            const auto count = std::min (DitherNoise::lanes - ditherPhase, numSamples - done);
+
+            for (int channel = 0; channel < numChannels; ++channel)
             {
-                const auto samples = _mm_loadu_ps (source + i);
-                const auto a = uniforms (first + i), b = uniforms (second + i);
-                const auto low = ditheredLevels (_mm_cvtps_pd (samples), _mm_sub_pd (a.low, b.low));
-                const auto high = ditheredLevels (_mm_cvtps_pd (_mm_movehl_ps (samples, samples)), _mm_sub_pd (a.high, b.high));
-                _mm_storeu_si128 (reinterpret_cast<__m128i*> (target + i), _mm_slli_epi32 (_mm_unpacklo_epi64 (low, high), 16));
-            }
-           #endif
+                const auto* source = block.getReadPointer (channel, start + done);
+                auto* target = integerSamples.data() + (size_t) channel * conversionChunk + done;
+                const auto& draws = ditherDraws[(size_t) channel];
+                DitherNoise::Floats samples {};
 
-            for (; i < numSamples; ++i)
-                target[i] = ditheredLevel (source[i], first[i], second[i]) * 65536;
+                if (count == DitherNoise::lanes)
+                {
+                    std::memcpy (&samples, source, sizeof (samples));
+                    const auto levels = ditheredLevels (samples, draws.first, draws.second) * 65536;
+                    std::memcpy (target, &levels, sizeof (levels));
+                    continue;
+                }
+
+                for (int i = 0; i < count; ++i)
+                    samples[ditherPhase + i] = source[i];
+
+                const auto levels = ditheredLevels (samples, draws.first, draws.second) * 65536;
+                for (int i = 0; i < count; ++i)
+                    target[i] = levels[ditherPhase + i];
+            }
+
+            ditherPhase = (ditherPhase + count) % DitherNoise::lanes;
+            done += count;
         }
 
         return;

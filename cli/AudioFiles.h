@@ -3,6 +3,7 @@
 
 #include <juce_audio_formats/juce_audio_formats.h>
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -80,6 +81,20 @@ namespace quenda::cli
     OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth,
                                      int inputBits, bool inputIsFloat);
 
+    /** Four xorshift128 generators side by side: the draws of the 16-bit dither. */
+    struct DitherNoise
+    {
+        static constexpr int lanes = 4;
+        using Words = std::uint32_t __attribute__ ((vector_size (16)));
+        using Ints = std::int32_t __attribute__ ((vector_size (16)));
+        using Floats = float __attribute__ ((vector_size (16)));
+
+        explicit DitherNoise (std::uint64_t seed) noexcept;
+        Words next() noexcept;
+
+        Words x, y, z, w;
+    };
+
     /** Writes float blocks, adding TPDF dither from a fixed seed at 16 bits, and keeps the
         peak and the count of samples beyond full scale. */
     class AudioFileWriter
@@ -107,8 +122,10 @@ namespace quenda::cli
         std::unique_ptr<juce::AudioFormatWriter> writer;
         std::vector<int> integerSamples;        // per channel, left-justified as the format writers take them
         std::vector<const int*> channelData;
-        std::vector<juce::uint32> ditherDraws;  // two per sample, per channel
-        juce::uint64 ditherState = 0x5175656e;     // a fixed seed: the same samples always get the same dither
+        struct DrawPair { DitherNoise::Words first, second; };
+        std::vector<DitherNoise> dither;        // per channel
+        std::vector<DrawPair> ditherDraws;      // per channel, for the current four samples
+        int ditherPhase = 0;                    // samples of those four written so far
         float peakLevel = 0.0f;
         juce::int64 clipped = 0;
     };

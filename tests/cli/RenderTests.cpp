@@ -129,11 +129,9 @@ TEST (Formats, SixteenBitDitherIsReproducibleAndKeepsQuietDetail)
     EXPECT_LT (std::sqrt (error / quiet.getNumSamples()), 1.0);
 }
 
-TEST (Formats, SixteenBitLevelsAreTheLibraryGeneratorsTriangularRounding)
+TEST (Formats, SixteenBitLevelsAreTriangularDitherWhateverTheWrites)
 {
-    // Stereo, odd lengths across the writer's conversion chunks, levels beyond full scale and
-    // non-finite samples: each level is floor (x * 32768 + u1 - u2 + 0.5), limited, with u1, u2
-    // drawn in interleaved order from juce::Random at the writer's seed.
+    // Stereo, writes cut at odd lengths, levels beyond full scale and non-finite samples.
     TempFolder temp;
     auto audio = noise (2, 9001);
     audio.applyGain (5.0f);
@@ -141,29 +139,60 @@ TEST (Formats, SixteenBitLevelsAreTheLibraryGeneratorsTriangularRounding)
     audio.setSample (1, 18, std::numeric_limits<float>::infinity());
     audio.setSample (0, 19, -std::numeric_limits<float>::infinity());
 
+    auto writeInPieces = [&] (const juce::File& file, const juce::AudioBuffer<float>& source, std::vector<int> pieces)
     {
-        PendingFile target (temp["levels.wav"], false);
-        AudioFileWriter writer (target, chooseOutputFormat (target.destination(), 16, 32, true), 48000.0, 2);
-        writer.write (audio, 0, 4099);
-        writer.write (audio, 4099, audio.getNumSamples() - 4099);
+        PendingFile target (file, false);
+        AudioFileWriter writer (target, chooseOutputFormat (target.destination(), 16, 32, true), 48000.0, source.getNumChannels());
+        int done = 0;
+        pieces.push_back (source.getNumSamples());
+        for (auto piece : pieces)
+        {
+            const auto count = std::min (piece, source.getNumSamples() - done);
+            writer.write (source, done, count);
+            done += count;
+        }
         writer.close();
         target.commit();
-    }
+        return readAudio (file).audio;
+    };
 
-    const auto written = readAudio (temp["levels.wav"]).audio;
-    ASSERT_EQ (written.getNumSamples(), audio.getNumSamples());
-    juce::Random generator (0x5175656e);
+    const auto whole = writeInPieces (temp["whole.wav"], audio, {});
+    writeInPieces (temp["pieces.wav"], audio, { 1, 3, 4099, 2, 5 });
+    EXPECT_EQ (bytes (temp["whole.wav"]), bytes (temp["pieces.wav"]));
+
+    // Each level lies within one step of dither and half a step of rounding of the sample.
     int wrong = 0;
-
-    for (int i = 0; i < audio.getNumSamples(); ++i)
-        for (int channel = 0; channel < 2; ++channel)
+    for (int channel = 0; channel < 2; ++channel)
+        for (int i = 0; i < audio.getNumSamples(); ++i)
         {
-            const auto first = (double) generator.nextFloat();
-            const auto exact = audio.getSample (channel, i) * 32768.0 + (first - (double) generator.nextFloat()) + 0.5;
-            const auto expected = std::isnan (exact) ? 0.0 : juce::jlimit (-32768.0, 32767.0, std::floor (exact));
-            wrong += (int) (written.getSample (channel, i) * 32768.0 != expected);
+            const auto x = (double) audio.getSample (channel, i) * 32768.0;
+            const auto level = (double) whole.getSample (channel, i) * 32768.0;
+            const auto lowest = std::isnan (x) ? 0.0 : juce::jlimit (-32768.0, 32767.0, std::floor (x - 0.5));
+            const auto highest = std::isnan (x) ? 0.0 : juce::jlimit (-32768.0, 32767.0, std::floor (x + 1.5));
+            wrong += (int) (level < lowest || level > highest);
         }
-
     EXPECT_EQ (wrong, 0);
+
+    // At a constant 0.3 of a step: unbiased, the variance of triangular dither plus rounding
+    // (1/6 + 1/12), and neither the channels nor neighbouring samples correlated.
+    juce::AudioBuffer<float> constant (2, 48000);
+    for (int channel = 0; channel < 2; ++channel)
+        juce::FloatVectorOperations::fill (constant.getWritePointer (channel), 0.3f / 32768.0f, constant.getNumSamples());
+    const auto levels = writeInPieces (temp["constant.wav"], constant, { 4097 });
+
+    const auto n = constant.getNumSamples();
+    auto error = [&] (int channel, int i) { return (double) levels.getSample (channel, i) * 32768.0 - 0.3; };
+    double mean = 0.0, variance = 0.0, acrossChannels = 0.0, neighbours = 0.0;
+    for (int i = 0; i < n; ++i)
+    {
+        mean += error (0, i) / n;
+        variance += juce::square (error (0, i)) / n;
+        acrossChannels += error (0, i) * error (1, i) / n;
+        neighbours += i > 0 ? error (0, i) * error (0, i - 1) / n : 0.0;
+    }
+    EXPECT_NEAR (mean, 0.0, 0.015);
+    EXPECT_NEAR (variance, 0.25, 0.02);
+    EXPECT_NEAR (acrossChannels / variance, 0.0, 0.03);
+    EXPECT_NEAR (neighbours / variance, 0.0, 0.03);
 }
 }
