@@ -57,13 +57,15 @@ TEST (Parameters, EachWrapperGetsItsNormalisationProgramNameAndBypass)
         { P::wrapperType_VST3, std::sqrt ((150.0f - 20.0f) / 280.0f), true, true },
         { P::wrapperType_LV2, std::sqrt ((150.0f - 20.0f) / 280.0f), true, false },
     };
-    const std::pair<const char*, const char*> typedAndShown[] = { { "6k", "6000.0 Hz" }, { "3.5 kHz", "3500.0 Hz" } };
+    const struct { int index; const char* typed; const char* shown; } texts[] = {
+        { QuendaAudioProcessor::highFreqIndex, "6k", "6000.0 Hz" }, { QuendaAudioProcessor::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
+        { QuendaAudioProcessor::trimIndex, "-0.004 dB", "-0.00 dB" }, { QuendaAudioProcessor::tiltIndex, "0.006", "0.01 dB/oct" },
+    };
 
     for (const auto& c : cases)
     {
         auto processor = makeFor (c.wrapper);
         auto* lowFreq = processor->getParameters()[QuendaAudioProcessor::lowFreqIndex];
-        auto* highFreq = processor->getParameters()[QuendaAudioProcessor::highFreqIndex];
         EXPECT_NEAR (c.lowFreqDefault, lowFreq->getValue(), 1e-6f) << c.wrapper;
         EXPECT_EQ (c.named, processor->getProgramName (0).isNotEmpty()) << c.wrapper;
         EXPECT_EQ (c.hostBypass ? processor->getParameters()[QuendaAudioProcessor::bypassIndex] : nullptr,
@@ -73,7 +75,10 @@ TEST (Parameters, EachWrapperGetsItsNormalisationProgramNameAndBypass)
         lowFreq->setValueNotifyingHost (lowFreq->getValueForText ("300 Hz"));
         EXPECT_NEAR (300.0f, processor->getParameterValues()[QuendaAudioProcessor::lowFreqIndex], 1e-3f) << c.wrapper;
         // Texts read and shown alike in every wrapper; a k means thousands.
-        for (auto [typed, shown] : typedAndShown)
-            EXPECT_EQ (juce::String (shown), highFreq->getText (highFreq->getValueForText (typed), 64)) << typed;
+        for (const auto& text : texts)
+        {
+            auto* parameter = processor->getParameters()[text.index];
+            EXPECT_EQ (juce::String (text.shown), parameter->getText (parameter->getValueForText (text.typed), 64)) << text.typed;
+        }
     }
 }
