@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# The renderer on a bad day: a file size limit, its output folder removed, its input cut short
-# or replaced, SIGINT and SIGTERM in the middle of a render. Each case must end with its
-# documented exit status and message, leave no output or temporary file behind, and never
-# write to the input.
-#
+# Faults in the middle of a render: each must end with its exit status and message, leave no
+# output or temporary file behind, and never write to the input.
 #   bash tests/cli/faults.sh PATH/TO/quenda-render
 set -uo pipefail
 
@@ -42,14 +39,13 @@ wait_for_temp () {
     return 1
 }
 
+# Checks the case the loop below is at, given the render's exit status.
 check () {
-    local name=$1 status=$2 expected_status=$3 pattern=$4 err=$5 input=$6 expected_input=$7 out_dir=$8
-    local problems=()
-
+    local status=$1 problems=()
     [ "$status" -eq "$expected_status" ] || problems+=("exit status $status, expected $expected_status")
     grep -q -- "$pattern" "$err" || problems+=("message does not match '$pattern'")
-    [ -z "$(ls -A "$out_dir" 2> /dev/null)" ] || problems+=("left behind: $(ls -A "$out_dir" | tr '\n' ' ')")
-    cmp -s "$input" "$expected_input" || problems+=("the input file was changed by the renderer")
+    [ -z "$(ls -A "$dir/out" 2> /dev/null)" ] || problems+=("left behind: $(ls -A "$dir/out" | tr '\n' ' ')")
+    cmp -s "$dir/in.wav" "$dir/expected-input.wav" || problems+=("the input file was changed by the renderer")
 
     if [ ${#problems[@]} -eq 0 ]; then
         echo "ok    $name"
@@ -73,17 +69,14 @@ cases=(
 
 for entry in "${cases[@]}"; do
     IFS='|' read -r name expected_status pattern action <<< "$entry"
-    dir=$work/case
-    rm -rf "$dir"
-    mkdir -p "$dir/out"
-    cp "$work/original.wav" "$dir/in.wav"
-    cp "$work/original.wav" "$dir/expected-input.wav"
-    err=$dir/stderr
+    dir=$work/case err=$work/case/stderr
+    rm -rf "$dir" && mkdir -p "$dir/out"
+    cp "$work/original.wav" "$dir/in.wav" && cp "$work/original.wav" "$dir/expected-input.wav"
 
     if [ "$action" = ulimit ]; then
         # 256 KiB: the limit is reached a second or so into the output.
         (ulimit -f 256; exec "$render" "${slow[@]}" "$dir/in.wav" "$dir/out/out.wav") 2> "$err"
-        check "$name" $? "$expected_status" "$pattern" "$err" "$dir/in.wav" "$dir/expected-input.wav" "$dir/out"
+        check $?
         continue
     fi
 
@@ -110,7 +103,7 @@ for entry in "${cases[@]}"; do
     esac
 
     wait $pid
-    check "$name" $? "$expected_status" "$pattern" "$err" "$dir/in.wav" "$dir/expected-input.wav" "$dir/out"
+    check $?
 done
 
 [ $failures -eq 0 ] && echo "all ${#cases[@]} fault cases passed" || echo "$failures of ${#cases[@]} fault cases failed"

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Two instances played the way a busy host plays them: an audio thread each, a thread that
-// automates parameters, and the message thread saving and restoring state, running the
-// editor's poll and the kernel computations. Built with ThreadSanitizer in CI; in a plain
-// build it still checks that the audio stays finite and nothing deadlocks.
+// Two instances played the way a busy host plays them, built with ThreadSanitizer in CI; in a
+// plain build it still checks that the audio stays finite and nothing deadlocks.
 
 #include "editor/PluginEditor.h"
 #include "processor/ParameterTable.h"
@@ -12,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -27,10 +24,7 @@ namespace
     float randomPlainValue (juce::Random& random, int index)
     {
         const auto& entry = ParameterTable::entry ((size_t) index);
-        if (entry.isSwitch)
-            return random.nextBool() ? 1.0f : 0.0f;
-
-        return entry.minimum + random.nextFloat() * (entry.maximum - entry.minimum);
+        return entry.isSwitch ? (random.nextBool() ? 1.0f : 0.0f) : entry.minimum + random.nextFloat() * (entry.maximum - entry.minimum);
     }
 
     /** A host's audio callback. Like JUCE's AudioProcessorPlayer it holds the device lock
@@ -42,10 +36,10 @@ namespace
 
         void reconfigure (juce::Random& choice)
         {
-            constexpr std::array<double, 3> rates { 44100.0, 48000.0, 96000.0 };
-            constexpr std::array<int, 4> blockSizes { 64, 256, 333, 1024 };
-            const auto rate = rates[(size_t) choice.nextInt ((int) rates.size())];
-            const auto blockSize = blockSizes[(size_t) choice.nextInt ((int) blockSizes.size())];
+            const double rates[] = { 44100.0, 48000.0, 96000.0 };
+            const int blockSizes[] = { 64, 256, 333, 1024 };
+            const auto rate = rates[choice.nextInt (3)];
+            const auto blockSize = blockSizes[choice.nextInt (4)];
 
             const std::lock_guard<std::mutex> stopped (deviceLock);
             processor.setRateAndBufferSizeDetails (rate, blockSize);
@@ -190,6 +184,5 @@ TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
     while (deleted.load() < instances)
         juce::MessageManager::getInstance()->runDispatchLoopUntil (1);
 
-    host.join();
-    EXPECT_EQ (deleted.load(), instances);
+    host.join();   // a failure here is a crash, a hang or a ThreadSanitizer report
 }

@@ -6,7 +6,6 @@
 
 #include <cmath>
 #include <complex>
-#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -50,8 +49,6 @@ TEST (FFTW3FFT, TransformsMatchADirectDftAndRoundTripAcrossReinitialisation)
         fft.fft (x.data(), bins);
         fft.fft (x.data(), re.data(), im.data());
         EXPECT_EQ (binsOffTheDft (bins, x), 0);
-        EXPECT_NEAR (bins[0].real(), std::accumulate (x.begin(), x.end(), 0.0), 1e-4);   // DC: the plain sum
-        EXPECT_EQ (bins[0].imag(), 0.0f);
         for (size_t k = 0; k < bins.size(); ++k)
             ASSERT_LT (std::abs (Cf (re[k], im[k]) - bins[k]), 1e-4f) << "split bin " << k;
 

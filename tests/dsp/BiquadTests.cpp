@@ -52,22 +52,12 @@ TEST (Biquad, ShelvesMeetTheirAnalyticGainsAndBoostUndoesCut)
             const auto inverse = make (c.type, c.fc, c.q, -g, c.fs);
             for (double hz : { 0.0, 30.0, 400.0, 5000.0, 15000.0, c.fs / 2 })
                 EXPECT_NEAR (std::abs (response (b, hz) * response (inverse, hz) - 1.0), 0.0, 1e-9) << hz << " Hz";
-
-            // The same gains through process(): a constant and an alternating input settle on them.
-            auto alternating = b;
-            for (int n = 0; n < 20000; ++n)
-            {
-                b.process (0.25f);
-                alternating.process (n % 2 == 0 ? 0.25f : -0.25f);
-            }
-            EXPECT_NEAR (b.process (0.25f) / 0.25, dc, 1e-4 * dc);
-            EXPECT_NEAR (std::fabs (alternating.process (0.25f)) / 0.25, nyquist, 1e-4 * nyquist);
         }
     }
-    EXPECT_EQ (Biquad().process (0.3f), 0.3f);
 }
 
-// The stereo path must be the one-channel recurrence to the bit, each channel in its own lane.
+// The stereo path must be the one-channel recurrence to the bit, each channel in its own lane
+// (the recurrence itself meets an independent one in the VST2 audio-path tests).
 TEST (Biquad, StereoCascadeMatchesTheSingleSectionsExactly)
 {
     auto shelves = [] (double lowGain, double highGain)

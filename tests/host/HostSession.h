@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Quenda.so driven through the VST2 ABI side by side with a model that computes its output
-// another way: the tilt by direct time-domain summation (no FFT in the signal path), shelves
-// and trim in double. The model follows the documented block behaviour: every block is
-// processed from the first, whatever its length; gains glide over one block, corners change
-// at once.
+// Quenda.so through the VST2 ABI side by side with a model computed another way: the tilt by
+// direct summation (no FFT), shelves and trim in double. Every block is processed from the
+// first, whatever its length; gains glide over one block, corners change at once.
 #pragma once
 
 #include "Vst2Host.h"

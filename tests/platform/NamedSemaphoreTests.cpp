@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The cross-instance lock: Windows semaphore semantics, across threads and processes, and
+// The cross-instance lock: Windows semaphore semantics across threads and processes, and
 // recovery from a holder that died.
 
 #include "platform/NamedSemaphore.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -124,13 +125,12 @@ TEST (NamedSemaphore, ExcludesThreadsAndProcessesUnderLoad)
     const auto name = Names::of ("stress");
     auto& semaphore = NamedSemaphore::open (name);
 
-    // Counters shared with the child: inside the lock there is never more than one.
+    // Counters shared with the child (zero-filled): inside the lock there is never more than one.
     auto* counters = static_cast<std::atomic<int>*> (mmap (nullptr, 2 * sizeof (std::atomic<int>), PROT_READ | PROT_WRITE,
                                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE (MAP_FAILED, (void*) counters);
     auto& inside = counters[0];
     auto& violations = counters[1];
-    inside = violations = 0;
 
     const auto hammer = [&] (NamedSemaphore& lock)
     {
@@ -154,8 +154,7 @@ TEST (NamedSemaphore, ExcludesThreadsAndProcessesUnderLoad)
     second.join();
 
     EXPECT_EQ (0, exitCodeOf (child));
-    EXPECT_GT (rounds[0], 0);
-    EXPECT_GT (rounds[1], 0);
+    EXPECT_GT (std::min (rounds[0], rounds[1]), 0);
     EXPECT_EQ (0, violations.load());
     munmap (counters, 2 * sizeof (std::atomic<int>));
 }

@@ -45,8 +45,7 @@ namespace
     }
 }
 
-// Held here, by any thread; another process holding it is the wavelab host tests' case and
-// recovery from a killed holder the platform tests'.
+// Held in this process (another process: the wavelab host tests; a killed holder: the platform tests).
 TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 {
     enum Holder { here, hereFreedByANewInstance, filtersHereFreedByANewInstance };
@@ -60,15 +59,13 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
         auto& lock = holder == filtersHereFreedByANewInstance ? filtersLock() : engineLock();
         std::string outcome = ranEarly;
 
-        // An instance starting meanwhile in another process frees the lock on purpose, so
-        // only a computation that runs early every time counts.
+        // An instance starting meanwhile anywhere frees the lock on purpose: only early every time counts.
         for (int attempt = 0; attempt < 5 && outcome == ranEarly; ++attempt)
         {
             ASSERT_TRUE (lock.waitFor (2000));
 
-            // The audio thread goes on with the kernels it has.
             auto block = std::async (std::launch::async, [&] { juce::MidiBuffer midi; processor->processBlock (buffer, midi); });
-            EXPECT_TRUE (finishes (block, generousWait)) << "a block waited for the lock";
+            EXPECT_TRUE (finishes (block, generousWait)) << "a block waited for the lock";   // it has kernels
 
             auto computation = std::async (std::launch::async, [&]
             {
@@ -124,9 +121,8 @@ TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturb
     });
 
     // Another plays steadily, paced like an audio thread, while the message thread recomputes
-    // both instances' kernels. The watchdog: a lock taken for two seconds, or the
-    // stream not done in ten. An instance starting meanwhile in another process frees a held
-    // lock on purpose too, so only a stream that comes out wrong every time counts.
+    // both instances' kernels; watchdog: a lock taken for 2 s or the stream not done in 10 s.
+    // A new instance elsewhere may free a held lock: only a stream wrong every time counts.
     bool stuck = false;
     float difference = 1.0f;
 

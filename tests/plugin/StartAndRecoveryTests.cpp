@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // What a host meets on bad days: unusual rates, extreme values, a non-finite input, a
-// restored project that changes the latency.
+// restored project that changes the latency, a one-channel bus.
 
 #include "tests/support/ReadyProcessor.h"
 
@@ -20,6 +20,21 @@ namespace
             if (! std::all_of (buffer.getReadPointer (c), buffer.getReadPointer (c) + buffer.getNumSamples(), [] (float x) { return std::isfinite (x); }))
                 return false;
         return true;
+    }
+
+    /** Level in dB of a sine run through the processor, measured over its last block. */
+    double sineGainDb (Processor& processor, int numChannels, double frequency, int blocks)
+    {
+        juce::MidiBuffer midi;
+        for (int b = 0;; ++b)
+        {
+            auto buffer = makeSine (numChannels, 512, frequency / 48000.0, 512.0 * b);
+            const auto input = buffer.getRMSLevel (0, 0, 512);
+            processor.processBlock (buffer, midi);
+            processor.handleUpdateNowIfNeeded();
+            if (b == blocks - 1)
+                return 20.0 * std::log10 (buffer.getRMSLevel (0, 0, 512) / input);
+        }
     }
 }
 
@@ -109,5 +124,28 @@ TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
         processInBlocks (*processor, after, 512);
         processInBlocks (*fresh, expected, 512);
         EXPECT_LT (maxDifference (after, expected), 1.0e-6f);   // NaN fails too
+    }
+}
+
+// A one-channel bus: only channel 0 is processed, and bypass leaves the high shelf's gain.
+TEST (MonoBus, BypassTakesTheLowShelfToNeutralButKeepsTheHighShelf)
+{
+    for (int numChannels : { 1, 2 })
+    {
+        Processor processor;
+        ASSERT_TRUE (processor.setBusesLayout ({ { juce::AudioChannelSet::canonicalChannelSet (numChannels) },
+                                                 { juce::AudioChannelSet::canonicalChannelSet (numChannels) } }));
+        processor.setRateAndBufferSizeDetails (48000.0, 512);
+        setParameter (processor, Processor::highIndex, 3.0f);
+        setParameter (processor, Processor::lowIndex, 6.0f);
+        processor.prepareToPlay (48000.0, 512);
+
+        // Well above the high corner and far from the low one.
+        EXPECT_NEAR (3.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
+        EXPECT_GT (sineGainDb (processor, numChannels, 30.0, 40), 4.5) << numChannels;
+
+        setParameter (processor, Processor::bypassIndex, 1.0f);
+        EXPECT_NEAR (numChannels == 1 ? 3.0 : 0.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
+        EXPECT_NEAR (0.0, sineGainDb (processor, numChannels, 30.0, 40), 0.3) << numChannels;
     }
 }

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // quenda-editor-window (Windows): a bare VST2 host that opens the plug-in's editor in a window
 // of its own, as a DAW does, and keeps it on screen for a while so it can be photographed.
-// Usage: quenda-editor-window PLUGIN.dll [seconds] [index=value ...] (parameter values set
-// before the editor opens, as a host restoring a project does). Prints "window X Y WIDTH
-// HEIGHT" (the outer frame on the screen) once the editor is showing.
+// Usage: quenda-editor-window PLUGIN.dll [seconds]. Prints "window X Y WIDTH HEIGHT" (the
+// outer frame on the screen) once the editor is showing.
 
 #include <aeffectx.h>
 #include <windows.h>
@@ -54,7 +53,7 @@ int main (int argc, char** argv)
 {
     if (argc < 2)
     {
-        std::fprintf (stderr, "usage: %s PLUGIN.dll [seconds] [index=value ...]\n", argv[0]);
+        std::fprintf (stderr, "usage: %s PLUGIN.dll [seconds]\n", argv[0]);
         return 2;
     }
 
@@ -71,14 +70,6 @@ int main (int argc, char** argv)
     }
 
     effect->dispatcher (effect, effOpen, 0, 0, nullptr, 0.0f);
-
-    for (int i = 3; i < argc; ++i)
-    {
-        int index = -1;
-        float value = 0.0f;
-        if (std::sscanf (argv[i], "%d=%f", &index, &value) == 2 && index >= 0 && index < effect->numParams)
-            effect->setParameter (effect, index, value);
-    }
 
     ERect* size = nullptr;
     effect->dispatcher (effect, effEditGetRect, 0, 0, &size, 0.0f);

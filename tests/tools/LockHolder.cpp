@@ -5,14 +5,10 @@
 
 #include "platform/NamedSemaphore.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-
-#if defined (_WIN32)
- #include <windows.h>
-#else
- #include <ctime>
-#endif
+#include <thread>
 
 int main (int argc, char** argv)
 {
@@ -26,13 +22,7 @@ int main (int argc, char** argv)
 
     std::printf ("held\n");
     std::fflush (stdout);
-   #if defined (_WIN32)
-    Sleep ((DWORD) holdMs);
-   #else
-    const timespec hold { holdMs / 1000, (holdMs % 1000) * 1000000L };
-    nanosleep (&hold, nullptr);
-   #endif
-
+    std::this_thread::sleep_for (std::chrono::milliseconds (holdMs));
     lock.release();
     return 0;
 }

@@ -21,23 +21,16 @@ namespace
             auto program = platform::hostExecutablePath();
             program = program.substr (0, program.find_last_of ("/\\") + 1) + "quenda-lock-holder";
            #if defined (_WIN32)
-            // Through cmd.exe, which takes the unquoted path; build folders have no spaces.
-            pipe = _popen ((program + ".exe " + std::to_string (holdMs)).c_str(), "r");
+            program += ".exe";   // through cmd.exe, which takes the unquoted path; build folders have no spaces
            #else
-            pipe = popen (("exec '" + program + "' " + std::to_string (holdMs)).c_str(), "r");
+            program = "exec '" + program + "'";
            #endif
+            pipe = popen ((program + " " + std::to_string (holdMs)).c_str(), "r");
             char line[16] {};
             holding = pipe != nullptr && std::fgets (line, sizeof (line), pipe) != nullptr && std::string (line).rfind ("held", 0) == 0;
         }
 
-        int close()
-        {
-           #if defined (_WIN32)
-            return _pclose (pipe);
-           #else
-            return pclose (pipe);
-           #endif
-        }
+        int close()  { return pclose (pipe); }
 
         FILE* pipe = nullptr;
         bool holding = false;
@@ -86,11 +79,7 @@ TEST (AudioPath, SettingsAndBlockSizesChangingMidStream)
 // has to wait for another process to let go of the engine lock.
 TEST (AudioPath, ARateChangeWaitsForTheEngineLockAndIsProcessedFromItsFirstBlock)
 {
-    Settings settings;
-    settings.tilt = -0.7f;
-    settings.linPhase = 1;
-    settings.high = 2;
-    Session session (512, settings);
+    Session session (512, { -0.7f, 0, 1, 0, 0, 2 });
 
     for (int b = 0; b < 2; ++b)
         session.block (512, "before");
