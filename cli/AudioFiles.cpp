@@ -588,16 +588,6 @@ DitherNoise::DitherNoise (std::uint64_t seed) noexcept
     }
 }
 
-DitherNoise::Words DitherNoise::next() noexcept
-{
-    const auto t = x ^ (x << 11);
-    x = y;
-    y = z;
-    z = w;
-    w = (w ^ (w >> 19)) ^ (t ^ (t >> 8));
-    return w;
-}
-
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
     : file (target.temporary()), destination (target.destination()), bitDepth (format.bitDepth),
       outcome (std::make_shared<WriteOutcome>())
@@ -692,19 +682,10 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
     if (bitDepth == 16)
     {
         // Sample n of a channel always takes lane n % 4 of its generator's (n / 4)th pair of
-        // draws, however the writes are cut, so the seed alone fixes the result.
-        for (int done = 0; done < numSamples;)
+        // draws, however the writes are cut, so the seed alone fixes the result. A group of four
+        // cut by the end of a write keeps its draws for the next one.
+        auto convertPart = [&] (int done, int count)
         {
-            if (ditherPhase == 0)
-                for (int channel = 0; channel < numChannels; ++channel)
-                {
-                    auto& draws = ditherDraws[(size_t) channel];
-                    draws.first = dither[(size_t) channel].next();
-                    draws.second = dither[(size_t) channel].next();
-                }
-
-            const auto count = std::min (DitherNoise::lanes - ditherPhase, numSamples - done);
-
             for (int channel = 0; channel < numChannels; ++channel)
             {
                 const auto* source = block.getReadPointer (channel, start + done);
@@ -712,24 +693,54 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
                 const auto& draws = ditherDraws[(size_t) channel];
                 DitherNoise::Floats samples {};
 
-                if (count == DitherNoise::lanes)
-                {
-                    std::memcpy (&samples, source, sizeof (samples));
-                    const auto levels = ditheredLevels (samples, draws.first, draws.second) * 65536;
-                    std::memcpy (target, &levels, sizeof (levels));
-                    continue;
-                }
-
                 for (int i = 0; i < count; ++i)
                     samples[ditherPhase + i] = source[i];
 
                 const auto levels = ditheredLevels (samples, draws.first, draws.second) * 65536;
+
                 for (int i = 0; i < count; ++i)
                     target[i] = levels[ditherPhase + i];
             }
 
             ditherPhase = (ditherPhase + count) % DitherNoise::lanes;
-            done += count;
+        };
+
+        int done = 0;
+
+        if (ditherPhase != 0)
+        {
+            done = std::min (DitherNoise::lanes - ditherPhase, numSamples);
+            convertPart (0, done);
+        }
+
+        for (int channel = 0; channel < numChannels; ++channel)
+        {
+            const auto* source = block.getReadPointer (channel, start);
+            auto* target = integerSamples.data() + (size_t) channel * conversionChunk;
+            auto& noise = dither[(size_t) channel];
+
+            for (int i = done; i + DitherNoise::lanes <= numSamples; i += DitherNoise::lanes)
+            {
+                DitherNoise::Floats samples;
+                std::memcpy (&samples, source + i, sizeof (samples));
+                const auto first = noise.next();
+                const auto levels = ditheredLevels (samples, first, noise.next()) * 65536;
+                std::memcpy (target + i, &levels, sizeof (levels));
+            }
+        }
+
+        done += (numSamples - done) / DitherNoise::lanes * DitherNoise::lanes;
+
+        if (done < numSamples)
+        {
+            for (int channel = 0; channel < numChannels; ++channel)
+            {
+                auto& draws = ditherDraws[(size_t) channel];
+                draws.first = dither[(size_t) channel].next();
+                draws.second = dither[(size_t) channel].next();
+            }
+
+            convertPart (done, numSamples - done);
         }
 
         return;

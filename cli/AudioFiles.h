@@ -90,7 +90,16 @@ namespace quenda::cli
         using Floats = float __attribute__ ((vector_size (16)));
 
         explicit DitherNoise (std::uint64_t seed) noexcept;
-        Words next() noexcept;
+
+        Words next() noexcept
+        {
+            const auto t = x ^ (x << 11);
+            x = y;
+            y = z;
+            z = w;
+            w = (w ^ (w >> 19)) ^ (t ^ (t >> 8));
+            return w;
+        }
 
         Words x, y, z, w;
     };
