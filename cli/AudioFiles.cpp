@@ -19,7 +19,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
 namespace quenda::cli
 {
 /** Notes whether any read came back short. JUCE's WAV and AIFF readers fill a missing

@@ -146,6 +146,9 @@ namespace tilt
             int slotBefore (int slot, int p) const noexcept  { return slot >= p ? slot - p : slot - p + slots; }
             float* spectrumRe (int slot) noexcept  { return spectraRe.data() + slot * stride; }
             float* spectrumIm (int slot) noexcept  { return spectraIm.data() + slot * stride; }
+
+            // The spectra of the count chunks before the one in a slot, newest first.
+            void gatherPastSpectra (int slot, int count, const float** re, const float** im) noexcept;
         };
 
         void writeHistory (const float* input, int n) noexcept;
