@@ -195,6 +195,52 @@ void SplitRealFft::init (int size)
         inversePlan.reset (fftwf_plan_dft_c2r_1d (size, bins, time.get(), FFTW_ESTIMATE));
 }
 
+//==============================================================================
+SplitComplexFft::~SplitComplexFft()
+{
+    init (0);
+}
+
+void SplitComplexFft::init (int size)
+{
+    if (size == fftSize)
+        return;
+
+    const std::lock_guard<std::mutex> lock (plannerMutex());
+
+    forwardPlan.reset();
+    inversePlan.reset();
+    fftSize = size;
+
+    if (size == 0)
+        return;
+
+    // Scratch arrays of the callers' alignment and spacing. The inverse is the forward
+    // transform with real and imaginary parts swapped: planned on swapped pointers, since a
+    // plan only runs on arrays spaced as the ones it was made for.
+    auto in = allocate<float> (2 * (size_t) size), out = allocate<float> (2 * (size_t) size);
+    const fftwf_iodim dimension { size, 1, 1 };
+
+    auto plan = [&] (float* re, float* im, float* outRe, float* outIm)
+    {
+        auto* made = fftwf_plan_guru_split_dft (1, &dimension, 0, nullptr, re, im, outRe, outIm, streamingPlanFlags());
+        return made != nullptr ? made : fftwf_plan_guru_split_dft (1, &dimension, 0, nullptr, re, im, outRe, outIm, FFTW_ESTIMATE);
+    };
+
+    forwardPlan.reset (plan (in.get(), in.get() + size, out.get(), out.get() + size));
+    inversePlan.reset (plan (in.get() + size, in.get(), out.get() + size, out.get()));
+}
+
+void SplitComplexFft::forward (float* time, float* bins) noexcept
+{
+    fftwf_execute_split_dft (forwardPlan.get(), time, time + fftSize, bins, bins + fftSize);
+}
+
+void SplitComplexFft::inverseUnscaled (float* bins, float* time) noexcept
+{
+    fftwf_execute_split_dft (inversePlan.get(), bins + fftSize, bins, time + fftSize, time);
+}
+
 void measureStreamingPlans()
 {
     const std::lock_guard<std::mutex> lock (plannerMutex());

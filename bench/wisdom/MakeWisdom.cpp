@@ -18,8 +18,10 @@ int main (int argc, char** argv)
 
     for (int size : audiofft::streamingSizes)
     {
-        audiofft::SplitRealFft fft;
-        fft.init (size);
+        audiofft::SplitRealFft real;
+        real.init (size);
+        audiofft::SplitComplexFft complex;
+        complex.init (size);
     }
 
     const auto wisdom = audiofft::exportWisdom();
