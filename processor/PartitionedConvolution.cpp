@@ -69,42 +69,10 @@ namespace
 
     constexpr int binsPerRun = 8;   // one AVX register of bins
 
-    // sum = the sum over p of x[p] * h[p], for partitions whose kernel spectra lie one stride
-    // apart: eight bins at a time in registers across all partitions, instead of a pass over
-    // the whole sum per partition. bins is a multiple of binsPerRun.
-    QUENDA_VECTOR_CLONES
-    void sumOfProducts (float* __restrict sumRe, float* __restrict sumIm,
-                        const float* const* xRe, const float* const* xIm,
-                        const float* hRe, const float* hIm, int hStride, int partitions, int bins) noexcept
-    {
-        for (int start = 0; start < bins; start += binsPerRun)
-        {
-            float re[binsPerRun] = {}, im[binsPerRun] = {};
-
-            for (int p = 0; p < partitions; ++p)
-            {
-                const auto* __restrict ar = xRe[p] + start;
-                const auto* __restrict ai = xIm[p] + start;
-                const auto* __restrict br = hRe + p * hStride + start;
-                const auto* __restrict bi = hIm + p * hStride + start;
-
-                for (int i = 0; i < binsPerRun; ++i)
-                {
-                    re[i] += ar[i] * br[i] - ai[i] * bi[i];
-                    im[i] += ai[i] * br[i] + ar[i] * bi[i];
-                }
-            }
-
-            for (int i = 0; i < binsPerRun; ++i)
-            {
-                sumRe[start + i] = re[i];
-                sumIm[start + i] = im[i];
-            }
-        }
-    }
-
-    // The same for two channels at once: each kernel spectrum is read once for both. (One
-    // template for both counts compiled 5 to 10 % slower at 32- and 64-sample blocks.)
+    // first = the sum over p of x[p] * h[p], second = the same of y[p] * h[p], for partitions
+    // whose kernel spectra lie one stride apart: eight bins at a time in registers across all
+    // partitions, instead of a pass over the whole sum per partition, reading each kernel
+    // spectrum once for both. bins is a multiple of binsPerRun.
     QUENDA_VECTOR_CLONES
     void sumOfProductsForTwo (float* __restrict firstRe, float* __restrict firstIm,
                               float* __restrict secondRe, float* __restrict secondIm,
@@ -301,6 +269,53 @@ int PartitionedConvolver::Level::slotOf (int64_t chunk) const noexcept
     return slot < 0 ? slot + slots : slot;
 }
 
+void PartitionedConvolver::Level::gatherPastSpectra (int lane, int slot, int count, const float** re, const float** im) noexcept
+{
+    for (int p = 1; p <= count; ++p)
+    {
+        const auto before = slotBefore (slot, p);
+        re[p - 1] = spectrumRe (lane, before);
+        im[p - 1] = spectrumIm (lane, before);
+    }
+}
+
+void PartitionedConvolver::Level::transformIntoSlot (int slot) noexcept
+{
+    fft.forward (time.data(), bins.data());
+
+    const auto n = 2 * size;
+    const auto* re = binsRe();
+    const auto* im = binsIm();
+    std::copy_n (re, size + 1, spectrumRe (0, slot));
+    std::copy_n (im, size + 1, spectrumIm (0, slot));
+
+    auto* mirroredRe = spectrumRe (1, slot);
+    auto* mirroredIm = spectrumIm (1, slot);
+    mirroredRe[0] = re[0];
+    mirroredIm[0] = -im[0];
+
+    for (int k = 1; k <= size; ++k)
+    {
+        mirroredRe[k] = re[n - k];
+        mirroredIm[k] = -im[n - k];
+    }
+}
+
+void PartitionedConvolver::Level::transformBack (const float* laneOneRe, const float* laneOneIm) noexcept
+{
+    const auto n = 2 * size;
+    auto* re = binsRe();
+    auto* im = binsIm();
+
+    for (int k = 1; k < size; ++k)
+    {
+        re[n - k] = laneOneRe[k];
+        im[n - k] = -laneOneIm[k];
+    }
+
+    fft.inverseUnscaled (bins.data(), time.data());
+}
+
 void PartitionedConvolver::prepare (const PartitionLayout& layout)
 {
     levels.clear();
@@ -319,25 +334,36 @@ void PartitionedConvolver::prepare (const PartitionLayout& layout)
         // windows still in flight when a kernel is switched in (see catchUp).
         level.slots = level.numPartitions + 4;
         level.fft.init (2 * level.size);
-        level.spectraRe.resize ((size_t) (level.slots * level.stride));
-        level.spectraIm.resize ((size_t) (level.slots * level.stride));
-        level.segment.resize ((size_t) (2 * level.size));
+
+        level.time.resize ((size_t) (4 * level.size));
+        level.bins.resize ((size_t) (4 * level.size));
+
         level.scratchRe.resize ((size_t) level.stride);
         level.scratchIm.resize ((size_t) level.stride);
 
-        for (int k = 0; k < maxKernels; ++k)
+        for (int lane = 0; lane < numLanes; ++lane)
         {
-            level.sumRe[(size_t) k].resize ((size_t) level.stride);
-            level.sumIm[(size_t) k].resize ((size_t) level.stride);
+            level.spectraRe[(size_t) lane].resize ((size_t) (level.slots * level.stride));
+            level.spectraIm[(size_t) lane].resize ((size_t) (level.slots * level.stride));
+
+            for (int k = 0; k < maxKernels; ++k)
+            {
+                level.sumRe[(size_t) lane][(size_t) k].resize ((size_t) level.stride);
+                level.sumIm[(size_t) lane][(size_t) k].resize ((size_t) level.stride);
+            }
         }
     }
 
     const auto span = powerOfTwoAtLeast (4 * (int64_t) layout.largestPartition());
-    history.resize ((size_t) span);
+
+    for (auto& ring : history)
+        ring.resize ((size_t) span);
+
     historyMask = span - 1;
 
-    for (auto& ring : tail)
-        ring.resize (levels.size() > 1 ? (size_t) span : 0);
+    for (auto& rings : tail)
+        for (auto& ring : rings)
+            ring.resize (levels.size() > 1 ? (size_t) span : 0);
 
     tailMask = span - 1;
     reset();
@@ -345,15 +371,21 @@ void PartitionedConvolver::prepare (const PartitionLayout& layout)
 
 void PartitionedConvolver::reset() noexcept
 {
-    history.clear();
-
-    for (auto& ring : tail)
+    for (auto& ring : history)
         ring.clear();
+
+    for (auto& rings : tail)
+        for (auto& ring : rings)
+            ring.clear();
 
     for (auto& level : levels)
     {
-        level.spectraRe.clear();
-        level.spectraIm.clear();
+        for (int lane = 0; lane < numLanes; ++lane)
+        {
+            level.spectraRe[(size_t) lane].clear();
+            level.spectraIm[(size_t) lane].clear();
+        }
+
         level.jobChunk = -1;
         level.jobStage = 0;
         level.jobMask = 0;
@@ -365,24 +397,31 @@ void PartitionedConvolver::reset() noexcept
     activeMask = 0;
 }
 
-void PartitionedConvolver::writeHistory (const float* input, int n) noexcept
+void PartitionedConvolver::writeHistory (const Inputs& input, int offset, int n) noexcept
 {
     const auto first = time & historyMask;
     const auto firstPart = (int) std::min<int64_t> (n, historyMask + 1 - first);
-    std::memcpy (history.data() + first, input, sizeof (float) * (size_t) firstPart);
-    std::memcpy (history.data(), input + firstPart, sizeof (float) * (size_t) (n - firstPart));
+
+    for (int c = 0; c < numChannels; ++c)
+    {
+        const auto* source = input[(size_t) c] + offset;
+        auto* ring = history[(size_t) c].data();
+        std::memcpy (ring + first, source, sizeof (float) * (size_t) firstPart);
+        std::memcpy (ring, source + firstPart, sizeof (float) * (size_t) (n - firstPart));
+    }
 }
 
-void PartitionedConvolver::readHistory (float* dest, int64_t start, int n) const noexcept
+void PartitionedConvolver::readHistory (int channel, float* dest, int64_t start, int n) const noexcept
 {
+    const auto* ring = history[(size_t) channel].data();
     const auto first = start & historyMask;
     const auto firstPart = (int) std::min<int64_t> (n, historyMask + 1 - first);
-    std::memcpy (dest, history.data() + first, sizeof (float) * (size_t) firstPart);
-    std::memcpy (dest + firstPart, history.data(), sizeof (float) * (size_t) (n - firstPart));
+    std::memcpy (dest, ring + first, sizeof (float) * (size_t) firstPart);
+    std::memcpy (dest + firstPart, ring, sizeof (float) * (size_t) (n - firstPart));
 }
 
-void PartitionedConvolver::process (const float* input, int n, const PartitionedKernels& kernels,
-                                    unsigned kernelMask, float* const* out) noexcept
+void PartitionedConvolver::process (const Inputs& input, int n, const PartitionedKernels& kernels,
+                                    unsigned kernelMask, const Outputs& out) noexcept
 {
     assert (kernels.getLayout().levels.size() == levels.size());
 
@@ -397,7 +436,7 @@ void PartitionedConvolver::process (const float* input, int n, const Partitioned
     for (int done = 0; done < n;)
     {
         const auto count = std::min (n - done, headSize - headFill);
-        writeHistory (input + done, count);
+        writeHistory (input, done, count);
         runHead (kernels, kernelMask, headFill, headFill + count, out, done);
 
         if (levels.size() > 1)
@@ -414,22 +453,23 @@ void PartitionedConvolver::process (const float* input, int n, const Partitioned
 }
 
 void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned mask, int from, int to,
-                                    float* const* out, int outOffset) noexcept
+                                    const Outputs& out, int outOffset) noexcept
 {
     auto& head = levels.front();
     const auto size = head.size;
     const auto chunk = (time - from) / size;
-    auto* segment = head.segment.data();
 
     // The previous chunk and what has arrived of this one; the rest of it is still silence,
     // which cannot reach the samples already here.
-    readHistory (segment, (chunk - 1) * size, size + to);
-    std::fill (segment + size + to, segment + 2 * size, 0.0f);
+    for (int c = 0; c < numChannels; ++c)
+    {
+        auto* part = c == 0 ? head.timeRe() : head.timeIm();
+        readHistory (c, part, (chunk - 1) * size, size + to);
+        std::fill (part + size + to, part + 2 * size, 0.0f);
+    }
 
     const auto slot = head.slotOf (chunk);
-    auto* xRe = head.spectrumRe (slot);
-    auto* xIm = head.spectrumIm (slot);
-    head.fft.forward (segment, xRe, xIm);
+    head.transformIntoSlot (slot);
 
     const auto bins = size + 1;
 
@@ -437,12 +477,18 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
     {
         updatePastSum (kernels, k, chunk);
 
+        const auto* hRe = kernels.re (0, k, 0);
+        const auto* hIm = kernels.im (0, k, 0);
+        multiplyAddInto (head.binsRe(), head.binsIm(),
+                         head.sumRe[0][(size_t) k].data(), head.sumIm[0][(size_t) k].data(),
+                         head.spectrumRe (0, slot), head.spectrumIm (0, slot), hRe, hIm, bins);
         multiplyAddInto (head.scratchRe.data(), head.scratchIm.data(),
-                         head.sumRe[(size_t) k].data(), head.sumIm[(size_t) k].data(),
-                         xRe, xIm, kernels.re (0, k, 0), kernels.im (0, k, 0), bins);
+                         head.sumRe[1][(size_t) k].data(), head.sumIm[1][(size_t) k].data(),
+                         head.spectrumRe (1, slot), head.spectrumIm (1, slot), hRe, hIm, bins);
 
-        head.fft.inverseUnscaled (head.scratchRe.data(), head.scratchIm.data(), segment);
-        std::memcpy (out[k] + outOffset, segment + size + from, sizeof (float) * (size_t) (to - from));
+        head.transformBack (head.scratchRe.data(), head.scratchIm.data());
+        std::memcpy (out[(size_t) k][0] + outOffset, head.timeRe() + size + from, sizeof (float) * (size_t) (to - from));
+        std::memcpy (out[(size_t) k][1] + outOffset, head.timeIm() + size + from, sizeof (float) * (size_t) (to - from));
     });
 }
 
@@ -455,75 +501,37 @@ void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int
     auto& head = levels.front();
     const auto slot = head.slotOf (chunk);
     const auto past = std::max (0, kernels.usedPartitions (0, k) - 1);
-    std::array<const float*, maxHeadPartitions> xRe {}, xIm {};
-    head.gatherPastSpectra (slot, past, xRe.data(), xIm.data());
+    std::array<const float*, maxHeadPartitions> xRe {}, xIm {}, yRe {}, yIm {};
+    head.gatherPastSpectra (0, slot, past, xRe.data(), xIm.data());
+    head.gatherPastSpectra (1, slot, past, yRe.data(), yIm.data());
 
     // The padding after the last bin is zero in every spectrum, so whole runs are safe.
     const auto bins = (head.size + binsPerRun) / binsPerRun * binsPerRun;
-    sumOfProducts (head.sumRe[(size_t) k].data(), head.sumIm[(size_t) k].data(), xRe.data(), xIm.data(),
-                   kernels.re (0, k, 1), kernels.im (0, k, 1), head.stride, past, bins);
+    sumOfProductsForTwo (head.sumRe[0][(size_t) k].data(), head.sumIm[0][(size_t) k].data(),
+                         head.sumRe[1][(size_t) k].data(), head.sumIm[1][(size_t) k].data(),
+                         xRe.data(), xIm.data(), yRe.data(), yIm.data(),
+                         kernels.re (0, k, 1), kernels.im (0, k, 1), head.stride, past, bins);
 
     pastChunk[(size_t) k] = chunk;
 }
 
-void PartitionedConvolver::updatePastSums (PartitionedConvolver& first, PartitionedConvolver& second,
-                                           const PartitionedKernels& kernels, unsigned kernelMask) noexcept
-{
-    // Only where a chunk starts, in step, for kernels that stay in use (a kernel coming into
-    // use is caught up, which clears its sums).
-    if (first.headFill != 0 || second.headFill != 0 || first.time != second.time)
-        return;
-
-    auto& head = first.levels.front();
-    auto& otherHead = second.levels.front();
-    const auto chunk = first.time / head.size;
-    const auto slot = head.slotOf (chunk);
-
-    forEachKernel (kernelMask & first.activeMask & second.activeMask, [&] (int k)
-    {
-        if (first.pastChunk[(size_t) k] == chunk || second.pastChunk[(size_t) k] == chunk)
-            return;
-
-        const auto past = std::max (0, kernels.usedPartitions (0, k) - 1);
-        std::array<const float*, maxHeadPartitions> xRe {}, xIm {}, yRe {}, yIm {};
-        head.gatherPastSpectra (slot, past, xRe.data(), xIm.data());
-        otherHead.gatherPastSpectra (slot, past, yRe.data(), yIm.data());
-
-        const auto bins = (head.size + binsPerRun) / binsPerRun * binsPerRun;
-        sumOfProductsForTwo (head.sumRe[(size_t) k].data(), head.sumIm[(size_t) k].data(),
-                             otherHead.sumRe[(size_t) k].data(), otherHead.sumIm[(size_t) k].data(),
-                             xRe.data(), xIm.data(), yRe.data(), yIm.data(),
-                             kernels.re (0, k, 1), kernels.im (0, k, 1), head.stride, past, bins);
-
-        first.pastChunk[(size_t) k] = chunk;
-        second.pastChunk[(size_t) k] = chunk;
-    });
-}
-
-void PartitionedConvolver::Level::gatherPastSpectra (int slot, int count, const float** re, const float** im) noexcept
-{
-    for (int p = 1; p <= count; ++p)
-    {
-        const auto before = slotBefore (slot, p);
-        re[p - 1] = spectrumRe (before);
-        im[p - 1] = spectrumIm (before);
-    }
-}
-
-void PartitionedConvolver::addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept
+void PartitionedConvolver::addTail (unsigned mask, const Outputs& out, int outOffset, int n) noexcept
 {
     const auto first = time & tailMask;
     const auto firstPart = (int) std::min<int64_t> (n, tailMask + 1 - first);
 
     forEachKernel (mask, [&] (int k)
     {
-        // Played samples leave the ring empty for the windows that land there later.
-        auto* ring = tail[(size_t) k].data();
-        auto* dest = out[k] + outOffset;
-        addInto (dest, ring + first, firstPart);
-        addInto (dest + firstPart, ring, n - firstPart);
-        std::fill_n (ring + first, firstPart, 0.0f);
-        std::fill_n (ring, n - firstPart, 0.0f);
+        for (int c = 0; c < numChannels; ++c)
+        {
+            // Played samples leave the ring empty for the windows that land there later.
+            auto* ring = tail[(size_t) k][(size_t) c].data();
+            auto* dest = out[(size_t) k][(size_t) c] + outOffset;
+            addInto (dest, ring + first, firstPart);
+            addInto (dest + firstPart, ring, n - firstPart);
+            std::fill_n (ring + first, firstPart, 0.0f);
+            std::fill_n (ring, n - firstPart, 0.0f);
+        }
     });
 }
 
@@ -580,9 +588,9 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
 
     if (stage == 0)
     {
-        readHistory (level.segment.data(), (chunk - 1) * level.size, 2 * level.size);
-        const auto slot = level.slotOf (chunk);
-        level.fft.forward (level.segment.data(), level.spectrumRe (slot), level.spectrumIm (slot));
+        readHistory (0, level.timeRe(), (chunk - 1) * level.size, 2 * level.size);
+        readHistory (1, level.timeIm(), (chunk - 1) * level.size, 2 * level.size);
+        level.transformIntoSlot (level.slotOf (chunk));
         return;
     }
 
@@ -593,25 +601,28 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
 
         forEachKernel (level.jobMask, [&] (int k)
         {
-            auto* sumRe = level.sumRe[(size_t) k].data();
-            auto* sumIm = level.sumIm[(size_t) k].data();
-
-            if (p >= kernels.usedPartitions (l, k))
+            for (int lane = 0; lane < numLanes; ++lane)
             {
-                if (p == 0)
-                {
-                    std::fill_n (sumRe, bins, 0.0f);
-                    std::fill_n (sumIm, bins, 0.0f);
-                }
-                return;
-            }
+                auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
+                auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
 
-            if (p == 0)
-                multiply (sumRe, sumIm, level.spectrumRe (slot), level.spectrumIm (slot),
-                          kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
-            else
-                multiplyAdd (sumRe, sumIm, level.spectrumRe (slot), level.spectrumIm (slot),
-                             kernels.re (l, k, p), kernels.im (l, k, p), bins);
+                if (p >= kernels.usedPartitions (l, k))
+                {
+                    if (p == 0)
+                    {
+                        std::fill_n (sumRe, bins, 0.0f);
+                        std::fill_n (sumIm, bins, 0.0f);
+                    }
+                    continue;
+                }
+
+                if (p == 0)
+                    multiply (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
+                              kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
+                else
+                    multiplyAdd (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
+                                 kernels.re (l, k, p), kernels.im (l, k, p), bins);
+            }
         });
         return;
     }
@@ -627,26 +638,30 @@ void PartitionedConvolver::accumulateWindow (int l, const PartitionedKernels& ke
 {
     auto& level = levels[(size_t) l];
     const auto bins = level.size + 1;
-    auto* sumRe = level.sumRe[(size_t) k].data();
-    auto* sumIm = level.sumIm[(size_t) k].data();
-    std::fill_n (sumRe, bins, 0.0f);
-    std::fill_n (sumIm, bins, 0.0f);
-
     const auto slot = level.slotOf (chunk);
 
-    for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
+    for (int lane = 0; lane < numLanes; ++lane)
     {
-        const auto past = level.slotBefore (slot, p);
-        multiplyAdd (sumRe, sumIm, level.spectrumRe (past), level.spectrumIm (past),
-                     kernels.re (l, k, p), kernels.im (l, k, p), bins);
+        auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
+        auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
+        std::fill_n (sumRe, bins, 0.0f);
+        std::fill_n (sumIm, bins, 0.0f);
+
+        for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
+        {
+            const auto past = level.slotBefore (slot, p);
+            multiplyAdd (sumRe, sumIm, level.spectrumRe (lane, past), level.spectrumIm (lane, past),
+                         kernels.re (l, k, p), kernels.im (l, k, p), bins);
+        }
     }
 }
 
 void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcept
 {
     auto& level = levels[(size_t) l];
-    auto* segment = level.segment.data();
-    level.fft.inverseUnscaled (level.sumRe[(size_t) k].data(), level.sumIm[(size_t) k].data(), segment);
+    std::copy_n (level.sumRe[0][(size_t) k].data(), level.size + 1, level.binsRe());
+    std::copy_n (level.sumIm[0][(size_t) k].data(), level.size + 1, level.binsIm());
+    level.transformBack (level.sumRe[1][(size_t) k].data(), level.sumIm[1][(size_t) k].data());
 
     // The window's first sample lies one partition after the chunk's end at the earliest,
     // so nothing here has been played yet, except after a catch-up.
@@ -655,9 +670,14 @@ void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcep
     const auto count = level.size - skip;
     const auto first = start & tailMask;
     const auto firstPart = (int) std::min<int64_t> (count, tailMask + 1 - first);
-    auto* ring = tail[(size_t) k].data();
-    addInto (ring + first, segment + level.size + skip, firstPart);
-    addInto (ring, segment + level.size + skip + firstPart, count - firstPart);
+
+    for (int c = 0; c < numChannels; ++c)
+    {
+        const auto* result = (c == 0 ? level.timeRe() : level.timeIm()) + level.size + skip;
+        auto* ring = tail[(size_t) k][(size_t) c].data();
+        addInto (ring + first, result, firstPart);
+        addInto (ring, result + firstPart, count - firstPart);
+    }
 }
 
 void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept
@@ -677,7 +697,11 @@ void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned 
         }
     }
 
-    forEachKernel (newKernels, [&] (int k) { tail[(size_t) k].clear(); });
+    forEachKernel (newKernels, [&] (int k)
+    {
+        for (auto& ring : tail[(size_t) k])
+            ring.clear();
+    });
 
     for (int l = 1; l < (int) levels.size(); ++l)
     {

@@ -91,35 +91,42 @@ namespace tilt
     };
 
     /**
-        One channel's streaming convolution with any of the kernels of a PartitionedKernels
-        of the same layout. Not thread-safe; process() never allocates, locks or waits.
+        The streaming convolution of a channel pair with any of the kernels of a
+        PartitionedKernels of the same layout. Both channels go through one complex transform,
+        left as the real part and right as the imaginary part: the kernels are real, so each
+        channel's result comes back in its own part. Not thread-safe; process() never
+        allocates, locks or waits.
     */
     class PartitionedConvolver
     {
     public:
+        static constexpr int numChannels = 2;
+        using Inputs = std::array<const float*, numChannels>;
+        using Outputs = std::array<std::array<float*, numChannels>, maxKernels>;
+
         /** Sizes every buffer and plan for a layout and clears the state. */
         void prepare (const PartitionLayout& layout);
 
         /** Silence as the past: clears the input history, stored spectra and pending output. */
         void reset() noexcept;
 
-        /** Feeds n samples and writes, for each kernel k in kernelMask, its output for them
-            to out[k]. The stored input spectra are kept current whatever the mask, so a
-            kernel that becomes needed later costs no more than any other call. */
-        void process (const float* input, int n, const PartitionedKernels& kernels,
-                      unsigned kernelMask, float* const* out) noexcept;
-
-        /** For two channels fed in step, at the start of a head chunk: the sums of the older
-            head partitions that their next process() calls need, computed in one pass that
-            reads each kernel spectrum once for both. The results are the same as without. */
-        static void updatePastSums (PartitionedConvolver& first, PartitionedConvolver& second,
-                                    const PartitionedKernels& kernels, unsigned kernelMask) noexcept;
+        /** Feeds n samples of each channel and writes, for each kernel k in kernelMask, its
+            output for them to out[k][channel]. The stored input spectra are kept current
+            whatever the mask, so a kernel that becomes needed later costs no more than any
+            other call. One input may serve as both channels. */
+        void process (const Inputs& input, int n, const PartitionedKernels& kernels,
+                      unsigned kernelMask, const Outputs& out) noexcept;
 
         /** New kernels: outputs computed in advance with the old ones are recomputed from the
             stored spectra at the next call. */
         void invalidateOutputs() noexcept  { activeMask = 0; }
 
     private:
+        // A chunk's spectrum Z = L + iR is kept as two half spectra that the real kernels'
+        // half spectra multiply directly: Z[k] (= L[k] + iR[k]) and conj Z[N - k]
+        // (= L[k] - iR[k]), for k = 0 ... N/2. These are the two lanes.
+        static constexpr int numLanes = 2;
+
         struct Level
         {
             int size = 0;              // partition size B
@@ -127,10 +134,11 @@ namespace tilt
             int numPartitions = 0;
             int stride = 0;
             int slots = 0;             // stored input spectra, a ring
-            audiofft::SplitRealFft fft;
-            audiofft::AlignedFloats spectraRe, spectraIm;
-            audiofft::AlignedFloats segment;       // 2B
-            std::array<audiofft::AlignedFloats, maxKernels> sumRe, sumIm;   // head: older partitions
+            audiofft::SplitComplexFft fft;
+            audiofft::AlignedFloats time;              // left then right, 2B each
+            audiofft::AlignedFloats bins;              // the whole spectrum, real then imaginary parts
+            std::array<audiofft::AlignedFloats, numLanes> spectraRe, spectraIm;
+            std::array<std::array<audiofft::AlignedFloats, maxKernels>, numLanes> sumRe, sumIm;
             audiofft::AlignedFloats scratchRe, scratchIm;
 
             // The spread work of the newest complete chunk: stage 0 transforms it, stages
@@ -144,19 +152,30 @@ namespace tilt
             // Ring slot of a chunk's spectrum, and the slot p chunks before a given one.
             int slotOf (int64_t chunk) const noexcept;
             int slotBefore (int slot, int p) const noexcept  { return slot >= p ? slot - p : slot - p + slots; }
-            float* spectrumRe (int slot) noexcept  { return spectraRe.data() + slot * stride; }
-            float* spectrumIm (int slot) noexcept  { return spectraIm.data() + slot * stride; }
+            float* timeRe() noexcept  { return time.data(); }
+            float* timeIm() noexcept  { return time.data() + 2 * size; }
+            float* binsRe() noexcept  { return bins.data(); }
+            float* binsIm() noexcept  { return bins.data() + 2 * size; }
+            float* spectrumRe (int lane, int slot) noexcept  { return spectraRe[(size_t) lane].data() + slot * stride; }
+            float* spectrumIm (int lane, int slot) noexcept  { return spectraIm[(size_t) lane].data() + slot * stride; }
 
             // The spectra of the count chunks before the one in a slot, newest first.
-            void gatherPastSpectra (int slot, int count, const float** re, const float** im) noexcept;
+            void gatherPastSpectra (int lane, int slot, int count, const float** re, const float** im) noexcept;
+
+            // The transform of time, split into the lanes of a slot.
+            void transformIntoSlot (int slot) noexcept;
+
+            // The whole spectrum from lane 0 already in bins[0 ... B] and lane 1 given, then
+            // back to time: the left result in timeRe(), the right in timeIm().
+            void transformBack (const float* laneOneRe, const float* laneOneIm) noexcept;
         };
 
-        void writeHistory (const float* input, int n) noexcept;
-        void readHistory (float* dest, int64_t start, int n) const noexcept;
+        void writeHistory (const Inputs& input, int offset, int n) noexcept;
+        void readHistory (int channel, float* dest, int64_t start, int n) const noexcept;
         void runHead (const PartitionedKernels& kernels, unsigned mask, int from, int to,
-                      float* const* out, int outOffset) noexcept;
+                      const Outputs& out, int outOffset) noexcept;
         void updatePastSum (const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
-        void addTail (unsigned mask, float* const* out, int outOffset, int n) noexcept;
+        void addTail (unsigned mask, const Outputs& out, int outOffset, int n) noexcept;
         void advanceLevel (int level, const PartitionedKernels& kernels) noexcept;
         void runStage (int level, const PartitionedKernels& kernels) noexcept;
         void accumulateWindow (int level, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
@@ -164,11 +183,11 @@ namespace tilt
         void catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept;
 
         std::vector<Level> levels;
-        audiofft::AlignedFloats history;                 // input ring
+        std::array<audiofft::AlignedFloats, numChannels> history;     // input rings
         int64_t historyMask = 0;
-        std::array<audiofft::AlignedFloats, maxKernels> tail;   // output of the levels after the head, a ring
+        std::array<std::array<audiofft::AlignedFloats, numChannels>, maxKernels> tail;   // output of the levels after the head, rings
         int64_t tailMask = 0;
-        std::array<int64_t, maxKernels> pastChunk {};    // head chunk the sum of older partitions is for
+        std::array<int64_t, maxKernels> pastChunk {};    // head chunk the sums of older partitions are for
 
         int64_t time = 0;       // samples fed so far
         int headFill = 0;       // samples of the current head chunk

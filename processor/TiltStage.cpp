@@ -186,9 +186,10 @@ void TiltStage::prepare (int maximumBlockSize)
 
     dryMask = dryLength - 1;
 
+    convolver.prepare (layout);
+
     for (int c = 0; c < numChannels; ++c)
     {
-        convolvers[(size_t) c].prepare (layout);
         falling[(size_t) c].assign ((size_t) pieceSize, 0.0f);
         delayedDry.assign ((size_t) pieceSize, 0.0f);
         rising[(size_t) c].assign ((size_t) pieceSize, 0.0f);
@@ -200,8 +201,7 @@ void TiltStage::prepare (int maximumBlockSize)
 
 void TiltStage::reset() noexcept
 {
-    for (auto& convolver : convolvers)
-        convolver.reset();
+    convolver.reset();
 
     for (auto& line : dryLines)
         std::fill (line.begin(), line.end(), 0.0f);
@@ -218,9 +218,7 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
 
     if (kernels.generation != kernelGeneration)
     {
-        for (auto& convolver : convolvers)
-            convolver.invalidateOutputs();
-
+        convolver.invalidateOutputs();
         kernelGeneration = kernels.generation;
     }
 
@@ -236,20 +234,27 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
     const auto mask = (needPositive ? 1u << fallingKernel : 0u) | (needNegative ? 1u << risingKernel : 0u);
     const auto used = std::min (numChannelsInBlock, numChannels);
 
+    // Both channels go through the convolver together; a single channel stands in for both.
+    tilt::PartitionedConvolver::Outputs outputs {};
+
+    for (size_t c = 0; c < numChannels; ++c)
+    {
+        outputs[TiltKernelSet::linearFalling][c] = outputs[TiltKernelSet::minimumFalling][c] = falling[c].data();
+        outputs[TiltKernelSet::linearRising][c] = outputs[TiltKernelSet::minimumRising][c] = rising[c].data();
+    }
+
     for (int start = 0; start < n; start += pieceSize)
     {
         const auto count = std::min (pieceSize, n - start);
 
-        if (used == 2)
-            tilt::PartitionedConvolver::updatePastSums (convolvers[0], convolvers[1], *kernels.partitions, mask);
+        if (used > 0)
+            convolver.process ({ channels[0] + start, channels[used - 1] + start }, count, *kernels.partitions, mask, outputs);
 
         for (int c = 0; c < used; ++c)
         {
             auto* samples = channels[c] + start;
             auto* positive = falling[(size_t) c].data();
             auto* negative = rising[(size_t) c].data();
-            float* outputs[tilt::maxKernels] = { positive, negative, positive, negative };
-            convolvers[(size_t) c].process (samples, count, *kernels.partitions, mask, outputs);
 
             auto* line = dryLines[(size_t) c].data();
             const auto to = dryTime & dryMask;

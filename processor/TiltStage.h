@@ -100,7 +100,7 @@ public:
 
 private:
     tilt::PartitionLayout layout;
-    std::array<tilt::PartitionedConvolver, numChannels> convolvers;
+    tilt::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece
     std::array<std::vector<float>, numChannels> dryLines;           // rings of past input
     std::vector<float> delayedDry;                                  // one piece of a ring, in order

@@ -135,27 +135,32 @@ TEST (PartitionedConvolution, LayoutsStartEachLevelLateEnoughForItsSpreadWork)
 // The stage as the processor runs it, over long streams of short, odd and long blocks (some
 // beyond the prepared size): tilt glides through zero, so kernels switch in and out and must
 // carry no stale tail, phase switches, and a new kernel set mid-stream (another rate). The
-// expected output is the oracle's mixed with the dry signal by the documented cross-fade.
+// expected output is the oracle's mixed with the dry signal by the documented cross-fade,
+// for each channel of a stereo pair with its own input (or for a lone channel).
 TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
 {
     // Declared and largest block share the FFT size the kernels are designed at.
-    const struct { int declared, largest; unsigned seed; } cases[] = {
-        { 1, 64, 1 }, { 32, 32, 2 }, { 64, 700, 3 }, { 256, 600, 11 }, { 333, 1000, 4 }, { 512, 512, 5 },
-        { 4096, 4096, 7 }, { 4096, 9000, 8 },
+    const struct { int declared, largest; unsigned seed; int channels; } cases[] = {
+        { 1, 64, 1, 2 }, { 32, 32, 2, 2 }, { 64, 700, 3, 2 }, { 256, 600, 11, 1 }, { 333, 1000, 4, 2 },
+        { 512, 512, 5, 2 }, { 4096, 4096, 7, 2 }, { 4096, 9000, 8, 1 },
     };
 
     for (const auto& c : cases)
     {
-        OverlapSaveTiltEngine oracle;
-        oracle.prepare (c.largest);
-        oracle.design (48000.0);
+        OverlapSaveTiltEngine oracles[2];
+        std::vector<float> inputs[2];
+        for (unsigned ch = 0; ch < 2; ++ch)
+        {
+            oracles[ch].prepare (c.largest);
+            oracles[ch].design (48000.0);
+            inputs[ch] = quenda_test::noise ((size_t) (60000 + 48 * c.largest), c.seed + 100 * ch);
+        }
         TiltStage stage;
         stage.prepare (c.declared);
         TiltKernelBank bank;
-        bank.prepare (stage.getLayout(), oracle.getFftSize());
+        bank.prepare (stage.getLayout(), oracles[0].getFftSize());
         bank.design (48000.0);
 
-        const auto input = quenda_test::noise ((size_t) (60000 + 48 * c.largest), c.seed);
         std::mt19937 random (c.seed);
         double previousTilt = 0.0;
         float worst = 0.0f;
@@ -173,32 +178,40 @@ TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
 
             if (blockIndex == 24)
             {
-                oracle.design (44100.0);
+                for (auto& oracle : oracles)
+                    oracle.design (44100.0);
                 bank.design (44100.0);
             }
 
-            oracle.writeInput (input.data() + position, n);
-            oracle.convolve (n, linear);
-
-            std::vector<float> block (input.begin() + (long) position, input.begin() + (long) position + n);
-            float* channels[] = { block.data() };
-            stage.process (channels, 1, n, target, linear, *bank.acquire());
+            std::vector<float> blocks[2];
+            float* channels[2] = {};
+            for (size_t ch = 0; ch < (size_t) c.channels; ++ch)
+            {
+                oracles[ch].writeInput (inputs[ch].data() + position, n);
+                oracles[ch].convolve (n, linear);
+                blocks[ch].assign (inputs[ch].begin() + (long) position, inputs[ch].begin() + (long) position + n);
+                channels[ch] = blocks[ch].data();
+            }
+            stage.process (channels, c.channels, n, target, linear, *bank.acquire());
             bank.release();
 
             const auto step = (target - previousTilt) / n;
-            for (int i = 0; i < n; ++i)
+            for (size_t ch = 0; ch < (size_t) c.channels; ++ch)
             {
-                const auto t = target != previousTilt ? previousTilt + i * step : target;
-                const auto now = (long) (position + (size_t) i);
-                const auto dry = ! linear ? input[(size_t) now]
-                                          : now >= TiltStage::linearPhaseDelay ? input[(size_t) (now - TiltStage::linearPhaseDelay)] : 0.0f;
-                const auto dryPart = (float) (1.0 - std::abs (t)) * dry;
-                const auto wet = t < 0.0 ? oracle.negativeOutput()[i] : oracle.positiveOutput()[i];
-                const auto expected = t == 0.0 ? dryPart : (float) ((double) wet * std::abs (t) + (double) dryPart);
-                worst = std::max (worst, std::abs (block[(size_t) i] - expected));
+                const auto& input = inputs[ch];
+                for (int i = 0; i < n; ++i)
+                {
+                    const auto t = target != previousTilt ? previousTilt + i * step : target;
+                    const auto now = (long) (position + (size_t) i);
+                    const auto dry = ! linear ? input[(size_t) now]
+                                              : now >= TiltStage::linearPhaseDelay ? input[(size_t) (now - TiltStage::linearPhaseDelay)] : 0.0f;
+                    const auto dryPart = (float) (1.0 - std::abs (t)) * dry;
+                    const auto wet = t < 0.0 ? oracles[ch].negativeOutput()[i] : oracles[ch].positiveOutput()[i];
+                    const auto expected = t == 0.0 ? dryPart : (float) ((double) wet * std::abs (t) + (double) dryPart);
+                    worst = std::max (worst, std::abs (blocks[ch][(size_t) i] - expected));
+                }
+                oracles[ch].consume (n);
             }
-
-            oracle.consume (n);
             previousTilt = target;
             position += (size_t) n;
         }
