@@ -67,6 +67,23 @@ namespace
         }
     }
 
+    // The same for two lanes and one kernel spectrum, read once for both.
+    QUENDA_VECTOR_CLONES
+    void multiplyAddForTwo (float* __restrict firstRe, float* __restrict firstIm,
+                            float* __restrict secondRe, float* __restrict secondIm,
+                            const float* __restrict xRe, const float* __restrict xIm,
+                            const float* __restrict yRe, const float* __restrict yIm,
+                            const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
+    {
+        for (int i = 0; i < bins; ++i)
+        {
+            firstRe[i] += xRe[i] * hRe[i] - xIm[i] * hIm[i];
+            firstIm[i] += xIm[i] * hRe[i] + xRe[i] * hIm[i];
+            secondRe[i] += yRe[i] * hRe[i] - yIm[i] * hIm[i];
+            secondIm[i] += yIm[i] * hRe[i] + yRe[i] * hIm[i];
+        }
+    }
+
     constexpr int binsPerRun = 8;   // one AVX register of bins
 
     // first = the sum over p of x[p] * h[p], second = the same of y[p] * h[p], for partitions
@@ -601,27 +618,32 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
 
         forEachKernel (level.jobMask, [&] (int k)
         {
-            for (int lane = 0; lane < numLanes; ++lane)
+            if (p == 0)
             {
-                auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
-                auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
-
-                if (p >= kernels.usedPartitions (l, k))
+                for (int lane = 0; lane < numLanes; ++lane)
                 {
-                    if (p == 0)
+                    auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
+                    auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
+
+                    if (kernels.usedPartitions (l, k) == 0)
                     {
                         std::fill_n (sumRe, bins, 0.0f);
                         std::fill_n (sumIm, bins, 0.0f);
                     }
-                    continue;
+                    else
+                    {
+                        multiply (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
+                                  kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
+                    }
                 }
-
-                if (p == 0)
-                    multiply (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
-                              kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
-                else
-                    multiplyAdd (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
-                                 kernels.re (l, k, p), kernels.im (l, k, p), bins);
+            }
+            else if (p < kernels.usedPartitions (l, k))
+            {
+                multiplyAddForTwo (level.sumRe[0][(size_t) k].data(), level.sumIm[0][(size_t) k].data(),
+                                   level.sumRe[1][(size_t) k].data(), level.sumIm[1][(size_t) k].data(),
+                                   level.spectrumRe (0, slot), level.spectrumIm (0, slot),
+                                   level.spectrumRe (1, slot), level.spectrumIm (1, slot),
+                                   kernels.re (l, k, p), kernels.im (l, k, p), bins);
             }
         });
         return;
