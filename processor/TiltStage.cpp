@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "processor/TiltStage.h"
+#include "processor/VectorClones.h"
 
 #include <algorithm>
 #include <cmath>
@@ -132,6 +133,7 @@ namespace
     }
 
     // The same for a tilt that holds still over the block, without a branch per sample.
+    QUENDA_VECTOR_CLONES
     void crossFade (float* out, const float* positive, const float* negative, const float* dry, int n, double t) noexcept
     {
         const auto weight = std::abs (t);
