@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <limits>
 #include <thread>
 
 namespace
@@ -210,6 +212,21 @@ void TiltStage::reset() noexcept
 
     dryTime = 0;
     kernelGeneration = 0;
+    channelsAlikeFor = std::numeric_limits<int64_t>::max() / 2;   // silence on both sides
+}
+
+bool TiltStage::keepsChannelsAlike (const float* left, const float* right, int n) noexcept
+{
+    // Just past the last sample where the two differ (0 where none does).
+    auto differingEnd = n;
+
+    while (differingEnd > 0 && std::memcmp (left + differingEnd - 1, right + differingEnd - 1, sizeof (float)) == 0)
+        --differingEnd;
+
+    channelsAlikeFor = differingEnd == 0 ? std::min (channelsAlikeFor + n, std::numeric_limits<int64_t>::max() / 2)
+                                         : n - differingEnd;
+
+    return channelsAlikeFor >= (int64_t) n + layout.capacity();
 }
 
 void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, double target,
@@ -251,6 +268,15 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
 
         if (used > 0)
             convolver.process ({ channels[0] + start, channels[used - 1] + start }, count, *kernels.partitions, mask, outputs);
+
+        // The shared transform rounds the right side apart from the left. Where the right's
+        // outputs depend on input that is bit for bit the left's, they take the left's, so that
+        // dual mono stays exactly dual mono.
+        if (used == 2 && keepsChannelsAlike (channels[0] + start, channels[1] + start, count))
+        {
+            std::copy_n (falling[0].data(), count, falling[1].data());
+            std::copy_n (rising[0].data(), count, rising[1].data());
+        }
 
         for (int c = 0; c < used; ++c)
         {

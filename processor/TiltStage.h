@@ -99,6 +99,10 @@ public:
                   bool linearPhase, const TiltKernelSet& kernels) noexcept;
 
 private:
+    // Counts the samples up to the end of a piece in which both inputs were alike; true when
+    // every output of the piece depends on such samples only.
+    bool keepsChannelsAlike (const float* left, const float* right, int n) noexcept;
+
     tilt::PartitionLayout layout;
     tilt::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece
@@ -109,4 +113,5 @@ private:
     int pieceSize = 0;
     double previousTilt = 0.0;
     uint64_t kernelGeneration = 0;
+    int64_t channelsAlikeFor = 0;   // samples up to now in which both inputs were bit for bit alike
 };

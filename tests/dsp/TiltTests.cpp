@@ -136,13 +136,15 @@ TEST (PartitionedConvolution, LayoutsStartEachLevelLateEnoughForItsSpreadWork)
 // beyond the prepared size): tilt glides through zero, so kernels switch in and out and must
 // carry no stale tail, phase switches, and a new kernel set mid-stream (another rate). The
 // expected output is the oracle's mixed with the dry signal by the documented cross-fade,
-// for each channel of a stereo pair with its own input (or for a lone channel).
+// for each channel of a stereo pair with its own input (or for a lone channel). Where the
+// right input turns into a copy of the left, the right output becomes the left's exactly once
+// the kernels hold only alike input.
 TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
 {
     // Declared and largest block share the FFT size the kernels are designed at.
-    const struct { int declared, largest; unsigned seed; int channels; } cases[] = {
-        { 1, 64, 1, 2 }, { 32, 32, 2, 2 }, { 64, 700, 3, 2 }, { 256, 600, 11, 1 }, { 333, 1000, 4, 2 },
-        { 512, 512, 5, 2 }, { 4096, 4096, 7, 2 }, { 4096, 9000, 8, 1 },
+    const struct { int declared, largest; unsigned seed; int channels; size_t alikeFrom; } cases[] = {
+        { 1, 64, 1, 2, 0 }, { 32, 32, 2, 2, 0 }, { 64, 700, 3, 2, 25000 }, { 256, 600, 11, 1, 0 },
+        { 333, 1000, 4, 2, 0 }, { 512, 512, 5, 2, 0 }, { 4096, 4096, 7, 2, 0 }, { 4096, 9000, 8, 1, 0 },
     };
 
     for (const auto& c : cases)
@@ -155,6 +157,8 @@ TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
             oracles[ch].design (48000.0);
             inputs[ch] = quenda_test::noise ((size_t) (60000 + 48 * c.largest), c.seed + 100 * ch);
         }
+        if (c.alikeFrom > 0)
+            std::copy (inputs[0].begin() + (long) c.alikeFrom, inputs[0].end(), inputs[1].begin() + (long) c.alikeFrom);
         TiltStage stage;
         stage.prepare (c.declared);
         TiltKernelBank bank;
@@ -164,7 +168,7 @@ TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
         std::mt19937 random (c.seed);
         double previousTilt = 0.0;
         float worst = 0.0f;
-        size_t position = 0;
+        size_t position = 0, alikeChecked = 0, alikeMismatches = 0;
 
         for (int blockIndex = 0; position < 60000 || blockIndex < 48; ++blockIndex)
         {
@@ -212,11 +216,21 @@ TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
                 }
                 oracles[ch].consume (n);
             }
+            for (int i = 0; c.alikeFrom > 0 && i < n; ++i)
+            {
+                if (position + (size_t) i >= c.alikeFrom + 8192)
+                {
+                    ++alikeChecked;
+                    alikeMismatches += blocks[0][(size_t) i] != blocks[1][(size_t) i] ? 1u : 0u;
+                }
+            }
             previousTilt = target;
             position += (size_t) n;
         }
 
         EXPECT_LE (worst, 2.0e-6f) << "declared " << c.declared << ", largest " << c.largest;   // full-scale input
+        EXPECT_EQ (alikeMismatches, 0u);
+        EXPECT_GE (alikeChecked, c.alikeFrom > 0 ? 20000u : 0u);
     }
 }
 
