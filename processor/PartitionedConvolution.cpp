@@ -26,32 +26,8 @@ namespace
         return size;
     }
 
-    // Spectral product, a * b (re = ac - bd, im = bc + ad), written or added.
-    QUENDA_VECTOR_CLONES
-    void multiply (float* __restrict sumRe, float* __restrict sumIm,
-                   const float* __restrict xRe, const float* __restrict xIm,
-                   const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
-    {
-        for (int i = 0; i < bins; ++i)
-        {
-            sumRe[i] = xRe[i] * hRe[i] - xIm[i] * hIm[i];
-            sumIm[i] = xIm[i] * hRe[i] + xRe[i] * hIm[i];
-        }
-    }
-
-    QUENDA_VECTOR_CLONES
-    void multiplyAdd (float* __restrict sumRe, float* __restrict sumIm,
-                      const float* __restrict xRe, const float* __restrict xIm,
-                      const float* __restrict hRe, const float* __restrict hIm, int bins) noexcept
-    {
-        for (int i = 0; i < bins; ++i)
-        {
-            sumRe[i] += xRe[i] * hRe[i] - xIm[i] * hIm[i];
-            sumIm[i] += xIm[i] * hRe[i] + xRe[i] * hIm[i];
-        }
-    }
-
-    // The same for two lanes and one kernel spectrum, read once for both.
+    // Spectral products added for two lanes with one kernel spectrum, read once for both:
+    // a * b (re = ac - bd, im = bc + ad).
     QUENDA_VECTOR_CLONES
     void multiplyAddForTwo (float* __restrict firstRe, float* __restrict firstIm,
                             float* __restrict secondRe, float* __restrict secondIm,
@@ -412,13 +388,18 @@ void PartitionedConvolver::writeHistory (const Inputs& input, int offset, int n)
     }
 }
 
-void PartitionedConvolver::readHistory (int channel, float* dest, int64_t start, int n) const noexcept
+void PartitionedConvolver::readHistory (Level& level, int64_t start, int n) const noexcept
 {
-    const auto* ring = history[(size_t) channel].data();
     const auto first = start & historyMask;
     const auto firstPart = (int) std::min<int64_t> (n, historyMask + 1 - first);
-    std::memcpy (dest, ring + first, sizeof (float) * (size_t) firstPart);
-    std::memcpy (dest + firstPart, ring, sizeof (float) * (size_t) (n - firstPart));
+
+    for (int c = 0; c < numChannels; ++c)
+    {
+        const auto* ring = history[(size_t) c].data();
+        auto* dest = c == 0 ? level.timeRe() : level.timeIm();
+        std::memcpy (dest, ring + first, sizeof (float) * (size_t) firstPart);
+        std::memcpy (dest + firstPart, ring, sizeof (float) * (size_t) (n - firstPart));
+    }
 }
 
 void PartitionedConvolver::process (const Inputs& input, int n, const PartitionedKernels& kernels,
@@ -462,12 +443,10 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
 
     // The previous chunk and what has arrived of this one; the rest of it is still silence,
     // which cannot reach the samples already here.
-    for (int c = 0; c < numChannels; ++c)
-    {
-        auto* part = c == 0 ? head.timeRe() : head.timeIm();
-        readHistory (c, part, (chunk - 1) * size, size + to);
+    readHistory (head, (chunk - 1) * size, size + to);
+
+    for (auto* part : { head.timeRe(), head.timeIm() })
         std::fill (part + size + to, part + 2 * size, 0.0f);
-    }
 
     const auto slot = head.slotOf (chunk);
     head.transformIntoSlot (slot);
@@ -585,12 +564,10 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
     auto& level = levels[(size_t) l];
     const auto chunk = level.jobChunk;
     const auto stage = level.jobStage++;
-    const auto bins = level.size + 1;
 
     if (stage == 0)
     {
-        readHistory (0, level.timeRe(), (chunk - 1) * level.size, 2 * level.size);
-        readHistory (1, level.timeIm(), (chunk - 1) * level.size, 2 * level.size);
+        readHistory (level, (chunk - 1) * level.size, 2 * level.size);
         level.transformIntoSlot (level.slotOf (chunk));
         return;
     }
@@ -603,32 +580,10 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
         forEachKernel (level.jobMask, [&] (int k)
         {
             if (p == 0)
-            {
-                for (int lane = 0; lane < numLanes; ++lane)
-                {
-                    auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
-                    auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
+                clearSums (l, k);
 
-                    if (kernels.usedPartitions (l, k) == 0)
-                    {
-                        std::fill_n (sumRe, bins, 0.0f);
-                        std::fill_n (sumIm, bins, 0.0f);
-                    }
-                    else
-                    {
-                        multiply (sumRe, sumIm, level.spectrumRe (lane, slot), level.spectrumIm (lane, slot),
-                                  kernels.re (l, k, 0), kernels.im (l, k, 0), bins);
-                    }
-                }
-            }
-            else if (p < kernels.usedPartitions (l, k))
-            {
-                multiplyAddForTwo (level.sumRe[0][(size_t) k].data(), level.sumIm[0][(size_t) k].data(),
-                                   level.sumRe[1][(size_t) k].data(), level.sumIm[1][(size_t) k].data(),
-                                   level.spectrumRe (0, slot), level.spectrumIm (0, slot),
-                                   level.spectrumRe (1, slot), level.spectrumIm (1, slot),
-                                   kernels.re (l, k, p), kernels.im (l, k, p), bins);
-            }
+            if (p < kernels.usedPartitions (l, k))
+                addProducts (l, kernels, k, p, slot);
         });
         return;
     }
@@ -640,26 +595,35 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
     });
 }
 
-void PartitionedConvolver::accumulateWindow (int l, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept
+void PartitionedConvolver::clearSums (int l, int k) noexcept
 {
     auto& level = levels[(size_t) l];
-    const auto bins = level.size + 1;
-    const auto slot = level.slotOf (chunk);
 
     for (int lane = 0; lane < numLanes; ++lane)
     {
-        auto* sumRe = level.sumRe[(size_t) lane][(size_t) k].data();
-        auto* sumIm = level.sumIm[(size_t) lane][(size_t) k].data();
-        std::fill_n (sumRe, bins, 0.0f);
-        std::fill_n (sumIm, bins, 0.0f);
-
-        for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
-        {
-            const auto past = level.slotBefore (slot, p);
-            multiplyAdd (sumRe, sumIm, level.spectrumRe (lane, past), level.spectrumIm (lane, past),
-                         kernels.re (l, k, p), kernels.im (l, k, p), bins);
-        }
+        std::fill_n (level.sumRe[(size_t) lane][(size_t) k].data(), level.size + 1, 0.0f);
+        std::fill_n (level.sumIm[(size_t) lane][(size_t) k].data(), level.size + 1, 0.0f);
     }
+}
+
+void PartitionedConvolver::addProducts (int l, const PartitionedKernels& kernels, int k, int p, int slot) noexcept
+{
+    auto& level = levels[(size_t) l];
+    multiplyAddForTwo (level.sumRe[0][(size_t) k].data(), level.sumIm[0][(size_t) k].data(),
+                       level.sumRe[1][(size_t) k].data(), level.sumIm[1][(size_t) k].data(),
+                       level.spectrumRe (0, slot), level.spectrumIm (0, slot),
+                       level.spectrumRe (1, slot), level.spectrumIm (1, slot),
+                       kernels.re (l, k, p), kernels.im (l, k, p), level.size + 1);
+}
+
+void PartitionedConvolver::accumulateWindow (int l, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept
+{
+    auto& level = levels[(size_t) l];
+    const auto slot = level.slotOf (chunk);
+    clearSums (l, k);
+
+    for (int p = 0; p < kernels.usedPartitions (l, k); ++p)
+        addProducts (l, kernels, k, p, level.slotBefore (slot, p));
 }
 
 void PartitionedConvolver::addWindowToTail (int l, int k, int64_t chunk) noexcept

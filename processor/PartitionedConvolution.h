@@ -171,13 +171,17 @@ namespace tilt
         };
 
         void writeHistory (const Inputs& input, int offset, int n) noexcept;
-        void readHistory (int channel, float* dest, int64_t start, int n) const noexcept;
+        // n samples of both channels from start on, into a level's time buffers.
+        void readHistory (Level& level, int64_t start, int n) const noexcept;
         void runHead (const PartitionedKernels& kernels, unsigned mask, int from, int to,
                       const Outputs& out, int outOffset) noexcept;
         void updatePastSum (const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
         void addTail (unsigned mask, const Outputs& out, int outOffset, int n) noexcept;
         void advanceLevel (int level, const PartitionedKernels& kernels) noexcept;
         void runStage (int level, const PartitionedKernels& kernels) noexcept;
+        void clearSums (int level, int k) noexcept;
+        // Both lanes' sums of kernel k += partition p times the spectrum in a slot.
+        void addProducts (int level, const PartitionedKernels& kernels, int k, int p, int slot) noexcept;
         void accumulateWindow (int level, const PartitionedKernels& kernels, int k, int64_t chunk) noexcept;
         void addWindowToTail (int level, int k, int64_t chunk) noexcept;
         void catchUp (const PartitionedKernels& kernels, unsigned newKernels) noexcept;
