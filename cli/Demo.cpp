@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Demo.h"
-#include "audiofft/AudioFFT.h"
+#include "dsp/AudioFFT.h"
 
 #include <cmath>
 

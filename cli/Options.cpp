@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Options.h"
 #include "CliError.h"
-#include "processor/PlainParameter.h"
+#include "plugin/PlainParameter.h"
 
 #include <cerrno>
 #include <cmath>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Options.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <functional>
 

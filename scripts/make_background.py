@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-3.0-or-later
-"""Draws the editor's background picture and writes it as resources/background.png.
+"""Draws the editor's background picture and writes it as plugin/resources/background.png.
 
 Standard library only, so the artwork can be regenerated on any machine with Python 3:
 a small anti-aliased rasteriser (signed distances), a 5x7 bitmap font and a PNG writer
@@ -338,7 +338,7 @@ def png_bytes(canvas):
 
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
-    target = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "..", "resources", "background.png")
+    target = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "..", "plugin", "resources", "background.png")
     canvas = Canvas(WIDTH, HEIGHT, (0, 0, 0))
     draw(canvas)
     with open(target, "wb") as f:

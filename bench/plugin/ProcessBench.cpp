@@ -2,7 +2,7 @@
 // What the plug-in costs: CPU time per second of stereo 48 kHz audio through processBlock,
 // and the time of one kernel computation.
 
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Measures the streaming transforms' plans and writes them as the wisdom the library ships.
 // Run on the build machine by scripts/make-fftw-wisdom.sh; commit the file it writes.
-#include "audiofft/AudioFFT.h"
+#include "dsp/AudioFFT.h"
 
 #include <cstdio>
 #include <fstream>

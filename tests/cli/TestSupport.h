@@ -3,7 +3,7 @@
 
 #include "Cli.h"
 #include "CliError.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 #include "tests/support/Signals.h"
 
 #include <juce_audio_formats/juce_audio_formats.h>

@@ -2,9 +2,9 @@
 // Two instances played the way a busy host plays them, built with ThreadSanitizer in CI; in a
 // plain build it still checks that the audio stays finite and nothing deadlocks.
 
-#include "editor/PluginEditor.h"
-#include "processor/ParameterTable.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginEditor.h"
+#include "plugin/ParameterTable.h"
+#include "plugin/PluginProcessor.h"
 
 #include <juce_events/juce_events.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The tilt's kernels against the ideal response, and the partitioned stage against the plain
 // overlap-save engine, sample by sample.
-#include "processor/TiltKernelDesign.h"
-#include "processor/TiltStage.h"
+#include "dsp/TiltKernelDesign.h"
+#include "dsp/TiltStage.h"
 #include "support/OverlapSaveTiltEngine.h"
 #include "support/Signals.h"
 

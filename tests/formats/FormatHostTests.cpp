@@ -3,8 +3,8 @@
 // classes: parameters and their 0..1 mapping, latency, state that crosses formats, and
 // audio that must equal the VST2 build's sample for sample.
 
-#include "processor/ParameterTable.h"
-#include "processor/StateBlock.h"
+#include "plugin/ParameterTable.h"
+#include "plugin/StateBlock.h"
 #include "tests/host/Vst2Host.h"
 #include "tests/support/Signals.h"
 

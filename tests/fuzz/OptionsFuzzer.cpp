@@ -5,7 +5,7 @@
 #include "Cli.h"
 #include "CliError.h"
 #include "Options.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <juce_events/juce_events.h>
 

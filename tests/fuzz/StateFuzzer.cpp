@@ -2,7 +2,7 @@
 // Any bytes a host or a damaged project hands to setStateInformation. Besides the
 // sanitizers, a block that restores must save back to the values it restored.
 
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <juce_events/juce_events.h>
 

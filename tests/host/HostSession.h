@@ -5,8 +5,8 @@
 #pragma once
 
 #include "Vst2Host.h"
-#include "processor/Biquad.h"
-#include "processor/TiltKernelDesign.h"
+#include "dsp/Biquad.h"
+#include "dsp/TiltKernelDesign.h"
 #include "tests/support/Signals.h"
 
 #include <gtest/gtest.h>

@@ -2,8 +2,8 @@
 // The editor as a host and a user meet it: what the knobs and switches send, what the poll
 // shows, the text under each knob, and the background picture it is drawn on.
 
-#include "editor/PluginEditor.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginEditor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // Parameters and the saved-state block as the VST2 tests in tests/host cannot see them: IDs,
 // the mapped form other formats use, what counts as a switch being on, and the reading rules.
 
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <gtest/gtest.h>
 #include <cmath>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "audiofft/AudioFFT.h"
-#include "processor/TiltKernelDesign.h"
+#include "dsp/AudioFFT.h"
+#include "dsp/TiltKernelDesign.h"
 
 #include <algorithm>
 #include <vector>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 #include "Signals.h"
 
 #include <memory>

@@ -2,9 +2,9 @@
 // quenda-editor-snapshot: renders the plug-in window to a PNG without a display.
 // Usage: quenda-editor-snapshot OUT.png [scale] [parameter=value ...]
 
-#include "editor/PluginEditor.h"
-#include "processor/ParameterTable.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginEditor.h"
+#include "plugin/ParameterTable.h"
+#include "plugin/PluginProcessor.h"
 
 #include <juce_gui_basics/juce_gui_basics.h>
 

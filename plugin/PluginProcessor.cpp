@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "PluginProcessor.h"
-#include "editor/PluginEditor.h"
+#include "plugin/PluginEditor.h"
 #include "platform/HostInfo.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "audiofft/AudioFFT.h"
+#include "dsp/AudioFFT.h"
 
 #include <complex>
 #include <vector>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "processor/Biquad.h"
+#include "dsp/Biquad.h"
 
 #include <cmath>
 

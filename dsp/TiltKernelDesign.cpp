@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "processor/TiltKernelDesign.h"
+#include "dsp/TiltKernelDesign.h"
 
 #include <algorithm>
 #include <cassert>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "audiofft/AudioFFT.h"
+#include "dsp/AudioFFT.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "processor/PartitionedConvolution.h"
-#include "processor/TiltKernelDesign.h"
+#include "dsp/PartitionedConvolution.h"
+#include "dsp/TiltKernelDesign.h"
 
 #include <array>
 #include <atomic>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "processor/PartitionedConvolution.h"
-#include "processor/VectorClones.h"
+#include "dsp/PartitionedConvolution.h"
+#include "dsp/VectorClones.h"
 
 #include <algorithm>
 #include <cassert>

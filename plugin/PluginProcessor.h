@@ -4,8 +4,8 @@
 #include "ParameterTable.h"
 #include "PlainParameter.h"
 #include "StateBlock.h"
-#include "processor/Biquad.h"
-#include "processor/TiltStage.h"
+#include "dsp/Biquad.h"
+#include "dsp/TiltStage.h"
 #include "platform/NamedSemaphore.h"
 
 #include <juce_audio_processors/juce_audio_processors.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "processor/TiltStage.h"
-#include "processor/VectorClones.h"
+#include "dsp/TiltStage.h"
+#include "dsp/VectorClones.h"
 
 #include <algorithm>
 #include <cmath>

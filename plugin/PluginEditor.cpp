@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "PluginEditor.h"
-#include "processor/PluginProcessor.h"
+#include "plugin/PluginProcessor.h"
 
 #include <BinaryData.h>
 
