@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Cli.h"
-#include "AudioFiles.h"
+#include "AudioReader.h"
+#include "AudioWriter.h"
 #include "CliError.h"
 #include "Demo.h"
 #include "Options.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Plot.h"
-#include "AudioFiles.h"
+#include "PendingFile.h"
 #include "CliError.h"
 #include "Render.h"
 

@@ -3,7 +3,8 @@
 // summary's peak and clip count, the formats in and out, and reproducible 16-bit dither.
 
 #include "TestSupport.h"
-#include "AudioFiles.h"
+#include "AudioReader.h"
+#include "AudioWriter.h"
 
 namespace quenda::cli::test
 {

@@ -3,7 +3,7 @@
 // or a CliError, never a crash, a hang or a runaway allocation. Built once per format; the
 // file name's extension decides which reader gets the first try.
 
-#include "AudioFiles.h"
+#include "AudioReader.h"
 #include "CliError.h"
 
 #include <juce_events/juce_events.h>

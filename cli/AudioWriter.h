@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "PendingFile.h"
+
 #include <juce_audio_formats/juce_audio_formats.h>
 
 #include <cstdint>
@@ -9,66 +11,7 @@
 
 namespace quenda::cli
 {
-    class ShortReadWatch;
     struct WriteOutcome;
-
-    /** An opened, checked input: WAV, AIFF or FLAC, one or two channels. */
-    class InputAudio
-    {
-    public:
-        /** Throws CliError: inputUnreadable, or badFormat for foreign, damaged or truncated
-            files and for more than two channels. */
-        explicit InputAudio (const juce::File& file);
-        ~InputAudio();
-
-        /** Fills the block's first numSamples samples; throws CliError if the file ends early. */
-        void read (juce::AudioBuffer<float>& block, juce::int64 position, int numSamples);
-
-        /** Throws CliError (inputUnreadable) if the file was replaced, rewritten or resized
-            since it was opened: what was read may mix two versions. */
-        void checkUnchanged() const;
-
-        const juce::File file;
-        int numChannels() const                 { return (int) reader->numChannels; }
-        double sampleRate() const               { return reader->sampleRate; }
-        juce::int64 length() const              { return reader->lengthInSamples; }
-        int bitsPerSample() const               { return (int) reader->bitsPerSample; }
-        bool isFloat() const                    { return reader->usesFloatingPointData; }
-        juce::String formatName() const         { return reader->getFormatName(); }
-        bool isFlac() const                     { return formatName().containsIgnoreCase ("flac"); }
-
-    private:
-        juce::String identity;                  // device, inode, size and modification time when opened
-        ShortReadWatch* watch = nullptr;        // owned by the reader
-        std::unique_ptr<juce::AudioFormatReader> reader;
-    };
-
-    /** A file written under a temporary name in the target's folder and renamed into place
-        by commit(); if commit() is never reached, or the process is interrupted, the
-        temporary file is removed and the target is left as it was. */
-    class PendingFile
-    {
-    public:
-        /** Throws CliError: outputExists without overwrite, outputUnwritable when the
-            folder is missing or read-only. */
-        PendingFile (const juce::File& target, bool overwrite);
-        ~PendingFile();
-
-        const juce::File& temporary() const     { return temp; }
-        const juce::File& destination() const   { return target; }
-
-        /** Flushes to disk and renames; throws CliError (outputExists if the target
-            appeared meanwhile and overwrite is off, else outputUnwritable). */
-        void commit();
-
-    private:
-        const juce::File target;
-        const bool overwrite;
-        juce::File temp;
-        bool committed = false;
-
-        JUCE_DECLARE_NON_COPYABLE (PendingFile)
-    };
 
     struct OutputFormat
     {
@@ -138,10 +81,4 @@ namespace quenda::cli
         float peakLevel = 0.0f;
         juce::int64 clipped = 0;
     };
-
-    /** True when both name the same file on disk (symbolic and hard links included). */
-    bool isSameFile (const juce::File& a, const juce::File& b);
-
-    /** Writes bytes through a PendingFile. Throws CliError. */
-    void writeFileSafely (const juce::File& target, const juce::MemoryBlock& data, bool overwrite);
 }

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <juce_audio_formats/juce_audio_formats.h>
+
+#include <memory>
+
+namespace quenda::cli
+{
+    class ShortReadWatch;
+
+    /** An opened, checked input: WAV, AIFF or FLAC, one or two channels. */
+    class InputAudio
+    {
+    public:
+        /** Throws CliError: inputUnreadable, or badFormat for foreign, damaged or truncated
+            files and for more than two channels. */
+        explicit InputAudio (const juce::File& file);
+        ~InputAudio();
+
+        /** Fills the block's first numSamples samples; throws CliError if the file ends early. */
+        void read (juce::AudioBuffer<float>& block, juce::int64 position, int numSamples);
+
+        /** Throws CliError (inputUnreadable) if the file was replaced, rewritten or resized
+            since it was opened: what was read may mix two versions. */
+        void checkUnchanged() const;
+
+        const juce::File file;
+        int numChannels() const                 { return (int) reader->numChannels; }
+        double sampleRate() const               { return reader->sampleRate; }
+        juce::int64 length() const              { return reader->lengthInSamples; }
+        int bitsPerSample() const               { return (int) reader->bitsPerSample; }
+        bool isFloat() const                    { return reader->usesFloatingPointData; }
+        juce::String formatName() const         { return reader->getFormatName(); }
+        bool isFlac() const                     { return formatName().containsIgnoreCase ("flac"); }
+
+    private:
+        juce::String identity;                  // device, inode, size and modification time when opened
+        ShortReadWatch* watch = nullptr;        // owned by the reader
+        std::unique_ptr<juce::AudioFormatReader> reader;
+    };
+}
