@@ -2,78 +2,33 @@
 #pragma once
 
 #include "dsp/PartitionedConvolution.h"
+#include "dsp/TiltKernelBank.h"
 #include "dsp/TiltKernelDesign.h"
 
 #include <array>
-#include <atomic>
-#include <memory>
 #include <cstdint>
-#include <mutex>
 #include <vector>
-
-/**
-    The four tilt kernels, partitioned for one layout, as the audio thread uses them.
-    Instances at the same sample rate and block size design the same kernels; they share one
-    read-only copy, so that a session with a tilt on every bus keeps one copy in the cache.
-*/
-struct TiltKernelSet
-{
-    enum Kernel { linearFalling = 0, linearRising, minimumFalling, minimumRising };
-
-    std::shared_ptr<const tilt::PartitionedKernels> partitions;
-    double sampleRate = 0.0;
-    int fftSize = 0;
-    uint64_t generation = 0;
-};
-
-/**
-    Designs kernel sets off the audio thread and hands them to it without a lock: two sets,
-    the audio thread marks the one it reads for the length of a block, and a design always
-    goes into the other one. A new set therefore takes effect at a block boundary.
-*/
-class TiltKernelBank
-{
-public:
-    /** Sizes both sets for a layout and designs for an FFT size (the block size's N).
-        Must not run while the audio thread processes. Drops the published set. */
-    void prepare (const tilt::PartitionLayout& layout, int fftSize);
-
-    /** Designs the kernels for a sample rate into the set not in use and publishes it.
-        Never on the audio thread; waits at most for one block that still reads that set. */
-    void design (double sampleRate);
-
-    /** Audio thread: the newest set (nullptr before the first design), valid until
-        release(). Never waits. */
-    const TiltKernelSet* acquire() noexcept;
-    void release() noexcept;
-
-private:
-    std::mutex designMutex;     // between message-side callers only
-    tilt::PartitionLayout layout;
-    TiltKernelDesigner designer;
-    audiofft::FFTW3FFT mainFft, minimumPhaseFft;
-    TiltKernelSpectra spectra;
-    TiltKernelTaps taps;
-    int fftSize = 0;
-    uint64_t generations = 0;
-
-    std::array<TiltKernelSet, 2> sets;
-    std::atomic<int> published { -1 };
-    std::atomic<int> inUse { -1 };
-};
 
 /**
     The tilt stage: each channel convolved with the falling or rising kernel (linear or
     minimum phase) and cross-faded with the dry signal by the magnitude of the tilt, which
     glides linearly over a block. Dry is delayed by the kernels' latency in linear phase.
     Two channels; further ones pass untouched. prepare() allocates; process() never
-    allocates, locks or waits.
+    allocates, locks or waits. The stage owns its kernel bank: designKernels() runs off the
+    audio thread and the next block picks the new set up.
 */
 class TiltStage
 {
 public:
     static constexpr int numChannels = 2;
     static constexpr int linearPhaseDelay = tilt::latencySamples;
+
+    /** A block's settings: the tilt at its end (already limited) and the phase mode. */
+    struct Settings
+    {
+        double tilt = 0.0;
+        bool linearPhase = false;
+    };
 
     /** Smallest power of two strictly above kernelLength + blockSize - 2: the FFT size the
         kernels are designed at. */
@@ -85,24 +40,35 @@ public:
     /** Partitions for blocks of up to maximumBlockSize, holding tapsFor() taps. */
     static tilt::PartitionLayout layoutFor (int maximumBlockSize);
 
+    /** Sizes the buffers and the kernel bank; drops the designed kernels. Must not run while
+        a block is processed. */
     void prepare (int maximumBlockSize);
+
+    /** Designs the kernels for a sample rate. Never on the audio thread. */
+    void designKernels (double sampleRate)    { kernelBank.design (sampleRate); }
 
     /** Silence as the past; the glide's start value is kept. */
     void reset() noexcept;
 
-    void setPreviousTilt (double tilt) noexcept  { previousTilt = tilt; }
+    /** Silence as the past, and the next block starts from this setting without a glide. */
+    void reset (const Settings& settings) noexcept;
+
     const tilt::PartitionLayout& getLayout() const noexcept  { return layout; }
 
-    /** Processes n samples in place; target is the tilt at the block's end. Blocks longer
-        than the prepared size are worked through in pieces. */
-    void process (float* const* channels, int numChannelsInBlock, int n, double target,
-                  bool linearPhase, const TiltKernelSet& kernels) noexcept;
+    /** Processes n samples in place, gliding to settings.tilt. Blocks longer than the
+        prepared size are worked through in pieces. Returns false, leaving the samples as
+        they are, while no kernels are designed. */
+    bool process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings) noexcept;
 
 private:
+    void process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings,
+                  const TiltKernelSet& kernels) noexcept;
+
     // Counts the samples up to the end of a piece in which both inputs were alike; true when
     // every output of the piece depends on such samples only.
     bool keepsChannelsAlike (const float* left, const float* right, int n) noexcept;
 
+    TiltKernelBank kernelBank;
     tilt::PartitionLayout layout;
     tilt::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece

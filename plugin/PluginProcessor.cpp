@@ -157,7 +157,6 @@ void QuendaAudioProcessor::prepareEngine (int maximumBlockSize)
     // Held while the buffers change so that no kernel computation can run on half-made ones.
     engineLock.wait();
     tiltStage.prepare (maximumBlockSize);
-    kernelBank.prepare (tiltStage.getLayout(), TiltStage::fftSizeFor (maximumBlockSize));
     engineLock.release();
 
     // Unpaired, like the one at construction: frees a lock another instance holds right now.
@@ -189,7 +188,7 @@ void QuendaAudioProcessor::computeFilters()
     // The shared lock serialises designs across instances; the audio thread never takes it,
     // it picks the new set up at its next block.
     engineLock.wait();
-    kernelBank.design (getSampleRate());
+    tiltStage.designKernels (getSampleRate());
     engineLock.release();
 }
 
@@ -290,7 +289,7 @@ void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerB
     const auto values = getParameterValues();
     const auto bypassed = values[bypassIndex] >= 0.5f;
 
-    tiltStage.setPreviousTilt (bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]));
+    tiltStage.reset ({ bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]), values[linPhaseIndex] >= 0.5f });
     previousTrimDb = bypassed ? 0.0f : safeGain (values[trimIndex]);
     resetShelves (values);
     preparedSampleRate = getSampleRate();
@@ -343,17 +342,11 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
         return;
     }
 
-    const auto* kernels = kernelBank.acquire();
-
-    if (! filtersReady || kernels == nullptr)
+    if (! filtersReady || ! processTilt (buffer, numChannels, values))
     {
-        kernelBank.release();
         requestFilterComputation();
         return;
     }
-
-    processTilt (buffer, numChannels, values, *kernels);
-    kernelBank.release();
 
     processShelves (buffer, numChannels, values);
     processTrim (buffer, numChannels, values);
@@ -380,14 +373,13 @@ void QuendaAudioProcessor::recoverFromNonFiniteOutput (juce::AudioBuffer<float>&
     tiltStage.reset();
 }
 
-void QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values,
-                                        const TiltKernelSet& kernels)
+bool QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
 {
     const auto linearPhase = values[linPhaseIndex] >= 0.5f;
     const auto bypassed = values[bypassIndex] >= 0.5f;
     const auto target = bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]);
 
-    tiltStage.process (buffer.getArrayOfWritePointers(), numChannels, buffer.getNumSamples(), target, linearPhase, kernels);
+    return tiltStage.process (buffer.getArrayOfWritePointers(), numChannels, buffer.getNumSamples(), { target, linearPhase });
 }
 
 void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)

@@ -100,8 +100,8 @@ private:
     /** After a block whose output was not finite: silence it and clear every filter state. */
     void recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
 
-    void processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values,
-                      const TiltKernelSet& kernels);
+    /** False, leaving the block as it is, while no kernels are designed. */
+    bool processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
     void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
     void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
 
@@ -127,7 +127,6 @@ private:
     std::atomic<int> reportedLatency { 0 };
 
     TiltStage tiltStage;
-    TiltKernelBank kernelBank;
     std::atomic<bool> filtersReady { false };
     int baseLatency = 0;
 

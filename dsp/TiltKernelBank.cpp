@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "dsp/TiltKernelBank.h"
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+namespace
+{
+    /** Partitioned kernels shared by every instance that designed the same taps for the same
+        layout; a copy lives as long as a kernel set of some instance holds it. */
+    std::shared_ptr<const tilt::PartitionedKernels> sharedPartitions (const tilt::PartitionLayout& layout,
+                                                                      const TiltKernelTaps& taps)
+    {
+        struct Entry
+        {
+            TiltKernelTaps taps;
+            tilt::PartitionedKernels partitions;
+        };
+
+        static std::mutex mutex;
+        static std::vector<std::weak_ptr<const Entry>> entries;
+
+        const std::lock_guard<std::mutex> lock (mutex);
+
+        entries.erase (std::remove_if (entries.begin(), entries.end(), [] (auto& e) { return e.expired(); }), entries.end());
+
+        for (auto& weak : entries)
+        {
+            if (auto entry = weak.lock())
+            {
+                if (entry->partitions.getLayout().levels == layout.levels
+                    && entry->taps.linearFalling == taps.linearFalling && entry->taps.linearRising == taps.linearRising
+                    && entry->taps.minimumFalling == taps.minimumFalling && entry->taps.minimumRising == taps.minimumRising)
+                    return { entry, &entry->partitions };
+            }
+        }
+
+        auto entry = std::make_shared<Entry>();
+        entry->taps = taps;
+        entry->partitions.prepare (layout);
+        entry->partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
+        entry->partitions.setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
+        entry->partitions.setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
+        entry->partitions.setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
+
+        std::shared_ptr<const Entry> shared = std::move (entry);
+        entries.push_back (shared);
+        return { shared, &shared->partitions };
+    }
+}
+
+void TiltKernelBank::prepare (const tilt::PartitionLayout& newLayout, int newFftSize)
+{
+    const std::lock_guard<std::mutex> lock (designMutex);
+
+    published = -1;
+    inUse = -1;
+
+    for (auto& set : sets)
+        set.partitions.reset();
+
+    layout = newLayout;
+
+    if (newFftSize != fftSize)
+        designer.prepare (newFftSize);
+
+    fftSize = newFftSize;
+}
+
+void TiltKernelBank::design (double sampleRate)
+{
+    const std::lock_guard<std::mutex> lock (designMutex);
+
+    const auto target = published.load() == 0 ? 1 : 0;
+
+    // The audio thread may still be in a block that started before the last publication.
+    while (inUse.load() == target)
+        std::this_thread::yield();
+
+    designer.design (sampleRate, mainFft, minimumPhaseFft, spectra, &taps);
+
+    auto& set = sets[(size_t) target];
+    set.partitions = sharedPartitions (layout, taps);
+    set.sampleRate = sampleRate;
+    set.fftSize = fftSize;
+    set.generation = ++generations;
+
+    published = target;
+}
+
+const TiltKernelSet* TiltKernelBank::acquire() noexcept
+{
+    auto index = published.load();
+
+    // Mark, then check the mark still names the published set: a design that published in
+    // between either sees the mark or is seen here.
+    while (index >= 0)
+    {
+        inUse = index;
+        const auto again = published.load();
+
+        if (again == index)
+            return &sets[(size_t) index];
+
+        index = again;
+    }
+
+    inUse = -1;
+    return nullptr;
+}
+
+void TiltKernelBank::release() noexcept
+{
+    inUse = -1;
+}
