@@ -3,11 +3,11 @@
 #include "plugin/PluginEditor.h"
 #include "platform/HostInfo.h"
 
+#include "dsp/DesignLimits.h"
+
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 
 namespace
 {
@@ -42,14 +42,6 @@ namespace
     bool hostWantsSynchronousComputation()
     {
         return platform::hostExecutablePath().find ("wavelab") != std::string::npos;
-    }
-
-    constexpr double lowShelfQ = 0.35;
-    constexpr double highShelfQ = 0.5;
-
-    bool isUsableSampleRate (double rate) noexcept
-    {
-        return rate > 0.0 && rate < 384000.0;
     }
 }
 
@@ -195,23 +187,6 @@ void QuendaAudioProcessor::computeFilters()
 //==============================================================================
 namespace
 {
-    // Limits that keep every design finite and stable at any rate, far outside the
-    // editor's ranges; the parameters themselves keep whatever value they were given.
-    constexpr double lowestCorner = 0.01;
-    constexpr double highestCornerRatio = 0.49;
-    constexpr float gainLimitDb = 200.0f;
-    constexpr double tiltLimit = 100.0;
-
-    double safeCorner (double corner, double rate) noexcept
-    {
-        return juce::jlimit (lowestCorner, highestCornerRatio * rate, corner);
-    }
-
-    float safeGain (float gainDb) noexcept
-    {
-        return juce::jlimit (-gainLimitDb, gainLimitDb, gainDb);
-    }
-
     // On the bits, so that it vectorises: infinities and NaNs are the magnitudes with every
     // exponent bit set.
     bool isFinite (const float* samples, int n) noexcept
@@ -226,46 +201,6 @@ namespace
         }
 
         return beyond == 0;
-    }
-}
-
-void QuendaAudioProcessor::configureShelves()
-{
-    const auto rate = getSampleRate();
-
-    for (int channel = 0; channel < 2; ++channel)
-    {
-        filters[channel].configure (Biquad::lowShelfQ, (double) lowFreq->get(), lowShelfQ, (double) low->get(), rate);
-        filters[2 + channel].configure (Biquad::highShelfMirrored, (double) highFreq->get(), highShelfQ, (double) high->get(), rate);
-    }
-}
-
-void QuendaAudioProcessor::resetShelves (const StateBlock::Values& values)
-{
-    const auto bypassed = values[bypassIndex] >= 0.5f;
-    const auto rate = getSampleRate();
-
-    for (int index = 0; index < 4; ++index)
-    {
-        const auto isLow = index < 2;
-        auto& filter = filters[index];
-        auto& smoother = smoothers[index];
-
-        smoother.target = bypassed ? 0.0f : safeGain (values[isLow ? lowIndex : highIndex]);
-        smoother.previous = smoother.current = smoother.target;
-        smoother.increment = 0.0;
-
-        filter.type = isLow ? Biquad::lowShelfQ : Biquad::highShelfMirrored;
-        filter.Q = isLow ? lowShelfQ : highShelfQ;
-
-        if (isUsableSampleRate (rate))
-            filter.sampleRate = rate;
-
-        filter.Fc = safeCorner ((double) values[isLow ? lowFreqIndex : highFreqIndex], filter.sampleRate);
-        filter.gainDb = (double) smoother.target;
-        filter.design();
-        filter.ready = 1;
-        filter.z1 = filter.z2 = 0.0;
     }
 }
 
@@ -286,15 +221,15 @@ void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerB
     prepareEngine (std::max (maximumExpectedSamplesPerBlock, 1));
     computeFilters();
 
-    const auto values = getParameterValues();
-    const auto bypassed = values[bypassIndex] >= 0.5f;
+    shelfStage.prepare (getSampleRate());
+    const auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());
 
-    tiltStage.reset ({ bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]), values[linPhaseIndex] >= 0.5f });
-    previousTrimDb = bypassed ? 0.0f : safeGain (values[trimIndex]);
-    resetShelves (values);
+    tiltStage.reset (settings.tilt);
+    shelfStage.reset (settings.shelves);
+    trimStage.reset (settings.trim);
     preparedSampleRate = getSampleRate();
 
-    latencyIsLinear = values[linPhaseIndex] >= 0.5f;
+    latencyIsLinear = settings.tilt.linearPhase;
     reportLatency (latencyIsLinear);
 }
 
@@ -312,9 +247,8 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
 
     const auto numChannels = std::min (numOutputs, buffer.getNumChannels());
 
-    // Every parameter is read once per block, so all stages agree even while a host writes.
-    const auto values = getParameterValues();
-    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
+    const auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());
+    const auto linearPhase = settings.tilt.linearPhase;
 
     if (linearPhase != latencyIsLinear)
     {
@@ -328,28 +262,22 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     // kernels after the message thread has designed them.
     if (sampleRate != preparedSampleRate)
     {
-        for (auto& filter : filters)
-        {
-            if (isUsableSampleRate (sampleRate))
-                filter.sampleRate = sampleRate;
-
-            filter.Fc = safeCorner (filter.Fc, filter.sampleRate);
-            filter.design();
-        }
-
+        shelfStage.followSampleRate (sampleRate);
         preparedSampleRate = sampleRate;
         requestFilterComputation();
         return;
     }
 
-    if (! filtersReady || ! processTilt (buffer, numChannels, values))
+    auto* const* channels = buffer.getArrayOfWritePointers();
+
+    if (! filtersReady || ! tiltStage.process (channels, numChannels, n, settings.tilt))
     {
         requestFilterComputation();
         return;
     }
 
-    processShelves (buffer, numChannels, values);
-    processTrim (buffer, numChannels, values);
+    shelfStage.process (channels, numChannels, n, settings.shelves);
+    trimStage.process (channels, numChannels, n, settings.trim);
 
     // One check per block: a non-finite input or state must not stay in the filters.
     for (int channel = 0; channel < numChannels; ++channel)
@@ -367,150 +295,8 @@ void QuendaAudioProcessor::recoverFromNonFiniteOutput (juce::AudioBuffer<float>&
     for (int channel = 0; channel < numChannels; ++channel)
         buffer.clear (channel, 0, buffer.getNumSamples());
 
-    for (auto& filter : filters)
-        filter.z1 = filter.z2 = 0.0;
-
+    shelfStage.clearState();
     tiltStage.reset();
-}
-
-bool QuendaAudioProcessor::processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
-{
-    const auto linearPhase = values[linPhaseIndex] >= 0.5f;
-    const auto bypassed = values[bypassIndex] >= 0.5f;
-    const auto target = bypassed ? 0.0 : juce::jlimit (-tiltLimit, tiltLimit, (double) values[tiltIndex]);
-
-    return tiltStage.process (buffer.getArrayOfWritePointers(), numChannels, buffer.getNumSamples(), { target, linearPhase });
-}
-
-void QuendaAudioProcessor::processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
-{
-    const auto bypassed = values[bypassIndex] >= 0.5f;
-    const auto lowCorner = safeCorner ((double) values[lowFreqIndex], filters[0].sampleRate);
-    const auto highCorner = safeCorner ((double) values[highFreqIndex], filters[2].sampleRate);
-    const auto n = buffer.getNumSamples();
-    const auto shelfChannels = std::min (numChannels, 2);
-
-    if (! bypassed)
-    {
-        const auto lowGain = safeGain (values[lowIndex]), highGain = safeGain (values[highIndex]);
-        const float targets[] = { lowGain, lowGain, highGain, highGain };
-
-        for (int k = 0; k < 4; ++k)
-        {
-            smoothers[k].target = targets[k];
-            smoothers[k].increment = (double) ((smoothers[k].target - smoothers[k].previous) / (float) n);
-        }
-    }
-    else
-    {
-        // Bypass takes shelf k to 0 dB for k below the channel count: on a mono bus the high
-        // shelf keeps its gain.
-        for (int shelf = 0; shelf < shelfChannels; ++shelf)
-        {
-            for (int channel = 0; channel < 2; ++channel)
-            {
-                auto& smoother = smoothers[2 * shelf + channel];
-                smoother.target = 0.0f;
-                smoother.increment = (double) ((0.0f - smoother.previous) / (float) n);
-            }
-        }
-    }
-
-    for (int channel = 0; channel < shelfChannels; ++channel)
-    {
-        auto& lowShelf = filters[channel];
-        auto& highShelf = filters[2 + channel];
-
-        if (lowCorner != lowShelf.Fc)
-        {
-            lowShelf.Fc = lowCorner;
-            lowShelf.design();
-        }
-
-        if (highCorner != highShelf.Fc)
-        {
-            highShelf.Fc = highCorner;
-            highShelf.design();
-        }
-    }
-
-    const auto allSteady = std::all_of (std::begin (smoothers), std::end (smoothers),
-                                        [] (const GainSmoother& s) { return s.target == s.previous; });
-
-    if (allSteady && shelfChannels == 2)
-    {
-        // No glide: both channels side by side, low shelf then high shelf.
-        for (int index = 0; index < 4; ++index)
-        {
-            smoothers[index].current = smoothers[index].target;
-
-            if ((double) smoothers[index].current != filters[index].gainDb)
-            {
-                filters[index].gainDb = (double) smoothers[index].current;
-                filters[index].design();
-            }
-        }
-
-        Biquad::processStereoCascade (filters[0], filters[1], filters[2], filters[3],
-                                      buffer.getWritePointer (0), buffer.getWritePointer (1), n);
-    }
-    else
-    {
-        for (int channel = 0; channel < shelfChannels; ++channel)
-        {
-            auto* samples = buffer.getWritePointer (channel);
-
-            for (auto index : { channel, 2 + channel })
-            {
-                auto& filter = filters[index];
-                auto& smoother = smoothers[index];
-                const auto steady = smoother.target == smoother.previous;
-
-                for (int i = 0; i < n; ++i)
-                {
-                    smoother.current = steady ? smoother.target
-                                              : (float) ((double) smoother.previous + i * smoother.increment);
-
-                    // Redesigned per sample while gliding; the state carries over, so no click.
-                    if ((double) smoother.current != filter.gainDb)
-                    {
-                        filter.gainDb = (double) smoother.current;
-                        filter.design();
-                    }
-
-                    samples[i] = filter.process (samples[i]);
-                }
-            }
-        }
-    }
-
-    for (auto& smoother : smoothers)
-        smoother.previous = smoother.target;
-}
-
-void QuendaAudioProcessor::processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values)
-{
-    const auto n = buffer.getNumSamples();
-    const auto trimDb = values[bypassIndex] >= 0.5f ? 0.0f : safeGain (values[trimIndex]);
-
-    if (trimDb == previousTrimDb)
-    {
-        const auto gain = (float) std::pow (10.0, (double) trimDb / 20.0);
-
-        for (int channel = 0; channel < numChannels; ++channel)
-            juce::FloatVectorOperations::multiply (buffer.getWritePointer (channel), gain, n);
-    }
-    else
-    {
-        const auto startGain = (float) std::pow (10.0, (double) previousTrimDb / 20.0);
-        const auto endGain = (float) std::pow (10.0, (double) trimDb / 20.0);
-
-        // Starts at the old gain and stops one step short of the new one.
-        for (int channel = 0; channel < numChannels; ++channel)
-            buffer.applyGainRamp (channel, 0, n, startGain, endGain);
-    }
-
-    previousTrimDb = trimDb;
 }
 
 juce::AudioProcessorEditor* QuendaAudioProcessor::createEditor()

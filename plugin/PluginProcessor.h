@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "BlockSettings.h"
 #include "ParameterTable.h"
 #include "PlainParameter.h"
 #include "StateBlock.h"
-#include "dsp/Biquad.h"
+#include "dsp/ShelfStage.h"
 #include "dsp/TiltStage.h"
+#include "dsp/TrimStage.h"
 #include "platform/NamedSemaphore.h"
 
 #include <juce_audio_processors/juce_audio_processors.h>
@@ -57,10 +59,6 @@ public:
     /** The current values of all eight parameters, in index order. */
     StateBlock::Values getParameterValues() const;
 
-    /** Re-applies the shelf settings (type, Q, corner, gain, rate) without touching the
-        tilt, the trim or the gain glides. */
-    void configureShelves();
-
     /** Names of the locks shared by all instances of the user. */
     static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";
     static constexpr const char* filtersLockName = "Local\\SelvaneComputeFilters_semaphore";
@@ -69,15 +67,6 @@ public:
     static constexpr int linearPhaseLatency = TiltStage::linearPhaseDelay;
 
 private:
-    /** A shelf gain's glide over one block, in dB. */
-    struct GainSmoother
-    {
-        float target = 0.0f;
-        float previous = 0.0f;
-        float current = 0.0f;
-        double increment = 0.0;
-    };
-
     void handleAsyncUpdate() override;
 
     /** Sizes the tilt stage and the kernel sets for blocks of up to blockSize samples. */
@@ -91,22 +80,11 @@ private:
         them to the audio thread. */
     void computeFilters();
 
-    /** Shelves at the current settings and rate with their state cleared, no glide pending. */
-    void resetShelves (const StateBlock::Values& values);
-
     /** Reports the latency for a "lin_phase" state, once per change, from either thread. */
     void reportLatency (bool linearPhase);
 
     /** After a block whose output was not finite: silence it and clear every filter state. */
     void recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
-
-    /** False, leaving the block as it is, while no kernels are designed. */
-    bool processTilt (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
-    void processShelves (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
-    void processTrim (juce::AudioBuffer<float>& buffer, int numChannels, const StateBlock::Values& values);
-
-    // Low shelf of channels 0 and 1, then high shelf of channels 0 and 1.
-    Biquad filters[4];
 
     // Owned by the framework's parameter list; by index, one of the two is set.
     std::array<PlainFloatParameter*, numParameters> floatParameters {};
@@ -122,15 +100,15 @@ private:
     PlainFloatParameter* lowFreq = nullptr;
     PlainFloatParameter* highFreq = nullptr;
 
-    GainSmoother smoothers[4];
     bool latencyIsLinear = false;
     std::atomic<int> reportedLatency { 0 };
 
     TiltStage tiltStage;
+    ShelfStage shelfStage;
+    TrimStage trimStage;
     std::atomic<bool> filtersReady { false };
     int baseLatency = 0;
 
-    float previousTrimDb = 0.0f;
     double preparedSampleRate = 0.0;
 
     const bool computeOnRequestingThread;
