@@ -230,7 +230,7 @@ int runCommandLine (const juce::StringArray& args, std::ostream& out, std::ostre
     try
     {
         QuendaAudioProcessor processor;
-        const auto parameters = describeParameters (processor);
+        const auto parameters = describeParameters();
         const auto options = parseOptions (args, parameters);
 
         if (options.help)

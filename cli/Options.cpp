@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "Options.h"
 #include "CliError.h"
-#include "plugin/PlainParameter.h"
+#include "plugin/ParameterTable.h"
 
 #include <cerrno>
 #include <cmath>
@@ -11,15 +11,9 @@ namespace quenda::cli
 {
 namespace
 {
-    juce::String unitFor (const juce::String& id)
+    juce::String toString (std::string_view text)
     {
-        const auto index = ParameterTable::indexOf (id.toStdString());
-
-        if (index == ParameterTable::numParameters)
-            return {};
-
-        const auto unit = ParameterTable::entry (index).unit;
-        return juce::String (unit.data(), unit.size());
+        return juce::String (text.data(), text.size());
     }
 
     juce::String formatValue (float value)
@@ -155,34 +149,20 @@ std::optional<double> parseNumber (const juce::String& text)
     return value;
 }
 
-std::vector<ParameterInfo> describeParameters (juce::AudioProcessor& processor)
+std::vector<ParameterInfo> describeParameters()
 {
     std::vector<ParameterInfo> result;
 
-    for (auto* parameter : processor.getParameters())
+    for (const auto& entry : ParameterTable::entries)
     {
-        auto* withId = dynamic_cast<juce::AudioProcessorParameterWithID*> (parameter);
-
-        if (withId == nullptr)
-            continue;
-
         ParameterInfo info;
-        info.id = withId->getParameterID();
-        info.name = withId->getName (64);
-        info.unit = unitFor (info.id);
-
-        if (auto* plain = dynamic_cast<PlainFloatParameter*> (parameter))
-        {
-            info.defaultValue = plain->getDefaultPlainValue();
-            info.minimum = plain->getDisplayRange().start;
-            info.maximum = plain->getDisplayRange().end;
-        }
-        else
-        {
-            info.isSwitch = parameter->isBoolean();
-            info.defaultValue = parameter->getDefaultValue();
-        }
-
+        info.id = toString (entry.id);
+        info.name = toString (entry.name);
+        info.unit = toString (entry.unit);
+        info.isSwitch = entry.isSwitch;
+        info.defaultValue = entry.isSwitch ? (entry.isOn (entry.defaultValue) ? 1.0f : 0.0f) : entry.defaultValue;
+        info.minimum = entry.minimum;
+        info.maximum = entry.maximum;
         result.push_back (info);
     }
 

@@ -24,8 +24,8 @@ namespace quenda::cli
         juce::String optionName() const    { return "--" + id.replaceCharacter ('_', '-'); }
     };
 
-    /** Read from the processor itself, so every parameter it has becomes an option. */
-    std::vector<ParameterInfo> describeParameters (juce::AudioProcessor& processor);
+    /** Read from the processor's parameter table, so every parameter becomes an option. */
+    std::vector<ParameterInfo> describeParameters();
 
     struct Options
     {

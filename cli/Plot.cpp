@@ -69,17 +69,17 @@ juce::String describeSettings (QuendaAudioProcessor& processor)
     const auto values = processor.getParameterValues();
     const auto on = [] (float value) { return value >= 0.5f; };
 
-    const auto tilt = values[QuendaAudioProcessor::tiltIndex];
+    const auto tilt = values[ParameterTable::tiltIndex];
 
     juce::String text;
     text << "tilt " << juce::String (tilt, 2) << " (" << (tilt > 0.0f ? "-" : "+") << juce::String (std::abs (tilt), 2) << " dB/oct)"
-         << ", low " << juce::String (values[QuendaAudioProcessor::lowIndex], 1) << " dB @ "
-         << juce::String (values[QuendaAudioProcessor::lowFreqIndex], 0) << " Hz"
-         << ", high " << juce::String (values[QuendaAudioProcessor::highIndex], 1) << " dB @ "
-         << juce::String (values[QuendaAudioProcessor::highFreqIndex], 0) << " Hz"
-         << ", trim " << juce::String (values[QuendaAudioProcessor::trimIndex], 1) << " dB"
-         << (on (values[QuendaAudioProcessor::linPhaseIndex]) ? ", linear phase" : ", minimum phase")
-         << (on (values[QuendaAudioProcessor::bypassIndex]) ? ", bypassed" : "");
+         << ", low " << juce::String (values[ParameterTable::lowIndex], 1) << " dB @ "
+         << juce::String (values[ParameterTable::lowFreqIndex], 0) << " Hz"
+         << ", high " << juce::String (values[ParameterTable::highIndex], 1) << " dB @ "
+         << juce::String (values[ParameterTable::highFreqIndex], 0) << " Hz"
+         << ", trim " << juce::String (values[ParameterTable::trimIndex], 1) << " dB"
+         << (on (values[ParameterTable::linPhaseIndex]) ? ", linear phase" : ", minimum phase")
+         << (on (values[ParameterTable::bypassIndex]) ? ", bypassed" : "");
     return text;
 }
 

@@ -31,18 +31,10 @@ void applySettings (QuendaAudioProcessor& processor, const Options& options)
 
     for (const auto& [id, value] : options.parameterValues)
     {
-        for (auto* parameter : processor.getParameters())
-        {
-            auto* withId = dynamic_cast<juce::AudioProcessorParameterWithID*> (parameter);
+        const auto index = ParameterTable::indexOf (id.toStdString());
 
-            if (withId == nullptr || withId->getParameterID() != id)
-                continue;
-
-            if (auto* plain = dynamic_cast<PlainFloatParameter*> (parameter))
-                plain->setPlainValueNotifyingHost (value);
-            else
-                parameter->setValueNotifyingHost (value);
-        }
+        if (index < ParameterTable::numParameters)
+            processor.getParameterSet().setPlainValue (index, value);
     }
 }
 

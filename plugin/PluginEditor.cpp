@@ -237,20 +237,19 @@ void QuendaAudioProcessorEditor::resized()
 //==============================================================================
 void QuendaAudioProcessorEditor::timerCallback()
 {
-    const auto& parameters = getAudioProcessor()->getParameters();
+    auto& parameters = processor.getParameterSet();
 
-    for (size_t i = 0; i < controls.size() && i < (size_t) parameters.size(); ++i)
+    for (size_t i = 0; i < controls.size() && i < (size_t) ParameterTable::numParameters; ++i)
     {
-        auto* parameter = parameters[(int) i];
-
         if (auto* slider = dynamic_cast<juce::Slider*> (controls[i]))
         {
-            if (auto* plain = dynamic_cast<PlainFloatParameter*> (parameter))
+            if (auto* plain = parameters.getFloat (i))
                 slider->setValue (plain->get(), juce::dontSendNotification);
         }
         else if (auto* button = dynamic_cast<juce::Button*> (controls[i]))
         {
-            button->setToggleState (parameter->getValue() >= 0.5f, juce::dontSendNotification);
+            if (auto* toggle = parameters.getSwitch (i))
+                button->setToggleState (toggle->get(), juce::dontSendNotification);
         }
     }
 }
@@ -292,25 +291,20 @@ void QuendaAudioProcessorEditor::buttonClicked (juce::Button* button)
 }
 
 //==============================================================================
-juce::AudioProcessorParameter* QuendaAudioProcessorEditor::parameterFor (const juce::Component* control) const
+size_t QuendaAudioProcessorEditor::indexFor (const juce::Component* control) const
 {
     const auto found = std::find (controls.begin(), controls.end(), control);
-
-    if (found == controls.end())
-        return nullptr;
-
-    const auto index = (int) std::distance (controls.begin(), found);
-    const auto& parameters = getAudioProcessor()->getParameters();
-
-    return juce::isPositiveAndBelow (index, parameters.size()) ? parameters[index] : nullptr;
+    return std::min ((size_t) std::distance (controls.begin(), found), (size_t) ParameterTable::numParameters);
 }
 
 PlainFloatParameter* QuendaAudioProcessorEditor::floatParameterFor (const juce::Component* control) const
 {
-    return dynamic_cast<PlainFloatParameter*> (parameterFor (control));
+    const auto index = indexFor (control);
+    return index < ParameterTable::numParameters ? processor.getParameterSet().getFloat (index) : nullptr;
 }
 
 juce::AudioParameterBool* QuendaAudioProcessorEditor::boolParameterFor (const juce::Component* control) const
 {
-    return dynamic_cast<juce::AudioParameterBool*> (parameterFor (control));
+    const auto index = indexFor (control);
+    return index < ParameterTable::numParameters ? processor.getParameterSet().getSwitch (index) : nullptr;
 }

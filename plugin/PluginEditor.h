@@ -79,7 +79,8 @@ private:
 
     PlainFloatParameter* floatParameterFor (const juce::Component*) const;
     juce::AudioParameterBool* boolParameterFor (const juce::Component*) const;
-    juce::AudioProcessorParameter* parameterFor (const juce::Component*) const;
+    /** The control's parameter index, numParameters for none. */
+    size_t indexFor (const juce::Component*) const;
 
     QuendaAudioProcessor& processor;
     std::vector<juce::Component*> controls;

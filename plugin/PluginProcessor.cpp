@@ -33,11 +33,6 @@ namespace
         }
     }
 
-    juce::String toString (std::string_view text)
-    {
-        return juce::String (text.data(), text.size());
-    }
-
     // WaveLab needs the kernels before the block that asked for them returns.
     bool hostWantsSynchronousComputation()
     {
@@ -48,40 +43,12 @@ namespace
 QuendaAudioProcessor::QuendaAudioProcessor()
     : juce::AudioProcessor (BusesProperties().withInput ("Input", juce::AudioChannelSet::stereo(), true)
                                              .withOutput ("Output", juce::AudioChannelSet::stereo(), true)),
+      // The wrapper that creates this instance is known by now and fixes the normalisation.
+      parameters (*this, normalisationFor (wrapperType)),
       computeOnRequestingThread (hostWantsSynchronousComputation()),
       engineLock (platform::NamedSemaphore::open (engineLockName)),
       filtersLock (platform::NamedSemaphore::open (filtersLockName))
 {
-    // The wrapper that creates this instance is known by now and fixes the normalisation.
-    const auto normalisation = normalisationFor (wrapperType);
-
-    for (size_t i = 0; i < entries.size(); ++i)
-    {
-        const auto& parameter = entries[i];
-
-        if (parameter.isSwitch)
-        {
-            switchParameters[i] = new juce::AudioParameterBool (juce::ParameterID { toString (parameter.id), 1 },
-                                                                toString (parameter.name),
-                                                                parameter.isOn (parameter.defaultValue));
-            addParameter (switchParameters[i]);
-        }
-        else
-        {
-            floatParameters[i] = new PlainFloatParameter (parameter, normalisation);
-            addParameter (floatParameters[i]);
-        }
-    }
-
-    tilt = floatParameters[tiltIndex];
-    bypass = switchParameters[bypassIndex];
-    linPhase = switchParameters[linPhaseIndex];
-    trim = floatParameters[trimIndex];
-    low = floatParameters[lowIndex];
-    high = floatParameters[highIndex];
-    lowFreq = floatParameters[lowFreqIndex];
-    highFreq = floatParameters[highFreqIndex];
-
     if (getLatencySamples() != baseLatency)
         setLatencySamples (baseLatency);
 
@@ -133,7 +100,7 @@ juce::AudioProcessorParameter* QuendaAudioProcessor::getBypassParameter() const
     // Only VST3 gets it. The VST2 wrapper would turn a host's bypass into a saved "bypass"
     // value, and JUCE's LV2 wrapper overwrites this parameter from the host's "enabled" port
     // every block, so a saved or automated bypass would be lost.
-    return wrapperType == wrapperType_VST3 ? bypass : nullptr;
+    return wrapperType == wrapperType_VST3 ? &parameters.getBypass() : nullptr;
 }
 
 bool QuendaAudioProcessor::isBusesLayoutSupported (const BusesLayout& layout) const
@@ -304,17 +271,6 @@ juce::AudioProcessorEditor* QuendaAudioProcessor::createEditor()
     return new QuendaAudioProcessorEditor (*this);
 }
 
-StateBlock::Values QuendaAudioProcessor::getParameterValues() const
-{
-    StateBlock::Values values {};
-
-    for (size_t i = 0; i < values.size(); ++i)
-        values[i] = floatParameters[i] != nullptr ? floatParameters[i]->get()
-                                                  : (switchParameters[i]->get() ? 1.0f : 0.0f);
-
-    return values;
-}
-
 void QuendaAudioProcessor::getStateInformation (juce::MemoryBlock& destData)
 {
     destData = StateBlock::write (getParameterValues());
@@ -328,20 +284,11 @@ void QuendaAudioProcessor::setStateInformation (const void* data, int sizeInByte
         return;
 
     for (size_t i = 0; i < restored->size(); ++i)
-    {
-        const auto& value = (*restored)[i];
-
-        if (! value)
-            continue;
-
-        if (floatParameters[i] != nullptr)
-            floatParameters[i]->setPlainValueNotifyingHost (*value);
-        else
-            switchParameters[i]->setValueNotifyingHost (*value);
-    }
+        if (const auto& value = (*restored)[i])
+            parameters.setPlainValue (i, *value);
 
     // The host learns the latency of the restored phase mode now, not at the first block.
-    reportLatency (linPhase->get());
+    reportLatency (parameters.isLinearPhase());
 }
 
 juce::AudioProcessor* JUCE_CALLTYPE createPluginFilter()

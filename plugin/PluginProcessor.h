@@ -3,7 +3,7 @@
 
 #include "BlockSettings.h"
 #include "ParameterTable.h"
-#include "PlainParameter.h"
+#include "Parameters.h"
 #include "StateBlock.h"
 #include "dsp/ShelfStage.h"
 #include "dsp/TiltStage.h"
@@ -15,13 +15,9 @@
 #include <atomic>
 #include <mutex>
 
-/** Quenda: a spectral tilt, a low and a high shelf, then an output trim.
-
-    The parameter indices (tiltIndex ...) come from ParameterTable, in host order.
-*/
+/** Quenda: a spectral tilt, a low and a high shelf, then an output trim. */
 class QuendaAudioProcessor : public juce::AudioProcessor,
-                             public juce::AsyncUpdater,
-                             public ParameterTable
+                             public juce::AsyncUpdater
 {
 public:
     QuendaAudioProcessor();
@@ -57,7 +53,10 @@ public:
     void setStateInformation (const void* data, int sizeInBytes) override;
 
     /** The current values of all eight parameters, in index order. */
-    StateBlock::Values getParameterValues() const;
+    StateBlock::Values getParameterValues() const     { return parameters.getValues(); }
+
+    /** The parameters by index, for the editor and the renderer. */
+    Parameters& getParameterSet() noexcept            { return parameters; }
 
     /** Names of the locks shared by all instances of the user. */
     static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";
@@ -86,19 +85,7 @@ private:
     /** After a block whose output was not finite: silence it and clear every filter state. */
     void recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
 
-    // Owned by the framework's parameter list; by index, one of the two is set.
-    std::array<PlainFloatParameter*, numParameters> floatParameters {};
-    std::array<juce::AudioParameterBool*, numParameters> switchParameters {};
-
-    // The same objects by name, for the audio code.
-    PlainFloatParameter* tilt = nullptr;
-    juce::AudioParameterBool* bypass = nullptr;
-    juce::AudioParameterBool* linPhase = nullptr;
-    PlainFloatParameter* trim = nullptr;
-    PlainFloatParameter* high = nullptr;
-    PlainFloatParameter* low = nullptr;
-    PlainFloatParameter* lowFreq = nullptr;
-    PlainFloatParameter* highFreq = nullptr;
+    Parameters parameters;
 
     bool latencyIsLinear = false;
     std::atomic<int> reportedLatency { 0 };

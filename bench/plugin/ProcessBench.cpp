@@ -34,7 +34,7 @@ namespace
         ReadyProcessor (int blockSize, bool linearPhase)
             : input (2, blockSize), buffer (2, blockSize)
         {
-            set (QuendaAudioProcessor::linPhaseIndex, linearPhase ? 1.0f : 0.0f);
+            set (ParameterTable::linPhaseIndex, linearPhase ? 1.0f : 0.0f);
             processor.setPlayConfigDetails (2, 2, sampleRate, blockSize);
             processor.prepareToPlay (sampleRate, blockSize);
 
@@ -70,7 +70,7 @@ namespace
     void processAudio (benchmark::State& state, int blockSize, Tilt tilt, bool linearPhase)
     {
         ReadyProcessor ready (blockSize, linearPhase);
-        ready.set (QuendaAudioProcessor::tiltIndex, tilt == Tilt::positive ? 0.7f : tilt == Tilt::negative ? -0.7f : 0.0f);
+        ready.set (ParameterTable::tiltIndex, tilt == Tilt::positive ? 0.7f : tilt == Tilt::negative ? -0.7f : 0.0f);
 
         // Lets the first block's glide from the old tilt pass before measuring.
         ready.processBlock();
@@ -79,7 +79,7 @@ namespace
         for (auto _ : state)
         {
             if (tilt == Tilt::gliding)
-                ready.set (QuendaAudioProcessor::tiltIndex, 0.7f * std::sin (0.05f * (float) ++block));
+                ready.set (ParameterTable::tiltIndex, 0.7f * std::sin (0.05f * (float) ++block));
 
             ready.processBlock();
             benchmark::DoNotOptimize (ready.buffer.getReadPointer (0));

@@ -16,9 +16,8 @@ namespace quenda::cli::test
 {
 TEST (Options, EveryParameterIsReachableByItsOwnOptionAndByParam)
 {
-    QuendaAudioProcessor processor;
-    const auto known = describeParameters (processor);
-    ASSERT_EQ (known.size(), (size_t) QuendaAudioProcessor::numParameters);
+    const auto known = describeParameters();
+    ASSERT_EQ (known.size(), (size_t) ParameterTable::numParameters);
 
     for (auto& p : known)
     {
@@ -122,8 +121,8 @@ TEST (Presets, SavedPresetLoadsBackToTheIdenticalRenderAndIntoTheProcessor)
     const auto saved = bytes (temp["q.state"]);
     QuendaAudioProcessor processor;
     processor.setStateInformation (saved.getData(), (int) saved.getSize());
-    EXPECT_FLOAT_EQ (processor.getParameterValues()[QuendaAudioProcessor::lowFreqIndex], 90.0f);
-    EXPECT_FLOAT_EQ (processor.getParameterValues()[QuendaAudioProcessor::trimIndex], 1.0f);
+    EXPECT_FLOAT_EQ (processor.getParameterValues()[ParameterTable::lowFreqIndex], 90.0f);
+    EXPECT_FLOAT_EQ (processor.getParameterValues()[ParameterTable::trimIndex], 1.0f);
 }
 
 TEST (Plot, WrittenAndFollowsTheSettingsInBothPhaseModes)
@@ -137,7 +136,7 @@ TEST (Plot, WrittenAndFollowsTheSettingsInBothPhaseModes)
     {
         QuendaAudioProcessor processor;
         args.addArray ({ "in", "out" });
-        applySettings (processor, parseOptions (args, describeParameters (processor)));
+        applySettings (processor, parseOptions (args, describeParameters()));
         return measureResponse (processor, 48000.0, 11).magnitudesDb;
     };
 

@@ -64,7 +64,7 @@ namespace
                 // Hosts also automate from the audio thread, just before the block.
                 if (random.nextInt (8) == 0)
                 {
-                    const auto index = random.nextInt (P::numParameters);
+                    const auto index = random.nextInt (ParameterTable::numParameters);
                     processor.getParameters()[index]->setValue (randomPlainValue (random, index));
                 }
 
@@ -112,7 +112,7 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
         while (running.load())
         {
             auto& processor = random.nextBool() ? first : second;
-            const auto index = random.nextInt (P::numParameters);
+            const auto index = random.nextInt (ParameterTable::numParameters);
             auto* parameter = processor.getParameters()[index];
             parameter->beginChangeGesture();
             parameter->setValueNotifyingHost (randomPlainValue (random, index));

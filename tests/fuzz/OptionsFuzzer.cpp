@@ -18,8 +18,7 @@ namespace
     const std::vector<quenda::cli::ParameterInfo>& parameters()
     {
         static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        static QuendaAudioProcessor processor;
-        static const auto described = quenda::cli::describeParameters (processor);
+        static const auto described = quenda::cli::describeParameters();
         return described;
     }
 

@@ -11,7 +11,7 @@
 
 namespace
 {
-    using P = QuendaAudioProcessor;
+    using P = ParameterTable;
 
     // Logs everything the host hears from the processor as "begin i", "value i v", "end i".
     struct EditorTest : public ::testing::Test, public juce::AudioProcessorListener

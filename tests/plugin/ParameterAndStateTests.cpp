@@ -73,22 +73,22 @@ TEST (Parameters, EachWrapperGetsItsNormalisationProgramNameAndBypass)
         { P::wrapperType_LV2, std::sqrt ((150.0f - 20.0f) / 280.0f), true, false },
     };
     const struct { int index; const char* typed; const char* shown; } texts[] = {
-        { QuendaAudioProcessor::highFreqIndex, "6k", "6000.0 Hz" }, { QuendaAudioProcessor::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
-        { QuendaAudioProcessor::trimIndex, "-0.004 dB", "-0.00 dB" }, { QuendaAudioProcessor::tiltIndex, "0.006", "0.01 dB/oct" },
+        { ParameterTable::highFreqIndex, "6k", "6000.0 Hz" }, { ParameterTable::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
+        { ParameterTable::trimIndex, "-0.004 dB", "-0.00 dB" }, { ParameterTable::tiltIndex, "0.006", "0.01 dB/oct" },
     };
 
     for (const auto& c : cases)
     {
         auto processor = makeFor (c.wrapper);
-        auto* lowFreq = processor->getParameters()[QuendaAudioProcessor::lowFreqIndex];
+        auto* lowFreq = processor->getParameters()[ParameterTable::lowFreqIndex];
         EXPECT_NEAR (c.lowFreqDefault, lowFreq->getValue(), 1e-6f) << c.wrapper;
         EXPECT_EQ (c.named, processor->getProgramName (0).isNotEmpty()) << c.wrapper;
-        EXPECT_EQ (c.hostBypass ? processor->getParameters()[QuendaAudioProcessor::bypassIndex] : nullptr,
+        EXPECT_EQ (c.hostBypass ? processor->getParameters()[ParameterTable::bypassIndex] : nullptr,
                    processor->getBypassParameter()) << c.wrapper;
 
         // The host's 0..1 covers the editor range; the audio code and the state stay plain.
         lowFreq->setValueNotifyingHost (lowFreq->getValueForText ("300 Hz"));
-        EXPECT_NEAR (300.0f, processor->getParameterValues()[QuendaAudioProcessor::lowFreqIndex], 1e-3f) << c.wrapper;
+        EXPECT_NEAR (300.0f, processor->getParameterValues()[ParameterTable::lowFreqIndex], 1e-3f) << c.wrapper;
         // Texts read and shown alike in every wrapper; a k means thousands.
         for (const auto& text : texts)
         {
@@ -111,8 +111,8 @@ TEST (StateBlock, FloatsAreWrittenWithTwentySignificantDigits)
 
 TEST (StateBlock, BlocksFollowTheReadingRulesAndForeignOrDamagedOnesChangeNothing)
 {
-    using P = QuendaAudioProcessor;
-    P processor;
+    using P = ParameterTable;
+    QuendaAudioProcessor processor;
     processor.getParameters()[P::lowFreqIndex]->setValueNotifyingHost (99.0f);
 
     // In order: what a block leaves out keeps the value the blocks before it set; a block with

@@ -43,7 +43,7 @@ namespace
 TEST (Start, RestoringAProjectReportsItsLatencyAtOnce)
 {
     Processor source, restored;
-    setParameter (source, Processor::linPhaseIndex, 1.0f);
+    setParameter (source, ParameterTable::linPhaseIndex, 1.0f);
     juce::MemoryBlock state;
     source.getStateInformation (state);
 
@@ -105,8 +105,8 @@ TEST (Recovery, NonFiniteInputIsForgottenAfterOneBlock)
     {
         auto processor = makeConvolvingProcessor (512, 0.6f);
         auto fresh = makeConvolvingProcessor (512, 0.6f);
-        setParameter (*processor, Processor::lowIndex, 4.0f);
-        setParameter (*fresh, Processor::lowIndex, 4.0f);
+        setParameter (*processor, ParameterTable::lowIndex, 4.0f);
+        setParameter (*fresh, ParameterTable::lowIndex, 4.0f);
         juce::MidiBuffer midi;
 
         auto poisoned = makeNoise (2, 512, 3);
@@ -136,15 +136,15 @@ TEST (MonoBus, BypassTakesTheLowShelfToNeutralButKeepsTheHighShelf)
         ASSERT_TRUE (processor.setBusesLayout ({ { juce::AudioChannelSet::canonicalChannelSet (numChannels) },
                                                  { juce::AudioChannelSet::canonicalChannelSet (numChannels) } }));
         processor.setRateAndBufferSizeDetails (48000.0, 512);
-        setParameter (processor, Processor::highIndex, 3.0f);
-        setParameter (processor, Processor::lowIndex, 6.0f);
+        setParameter (processor, ParameterTable::highIndex, 3.0f);
+        setParameter (processor, ParameterTable::lowIndex, 6.0f);
         processor.prepareToPlay (48000.0, 512);
 
         // Well above the high corner and far from the low one.
         EXPECT_NEAR (3.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
         EXPECT_GT (sineGainDb (processor, numChannels, 30.0, 40), 4.5) << numChannels;
 
-        setParameter (processor, Processor::bypassIndex, 1.0f);
+        setParameter (processor, ParameterTable::bypassIndex, 1.0f);
         EXPECT_NEAR (numChannels == 1 ? 3.0 : 0.0, sineGainDb (processor, numChannels, 16000.0, 20), 0.3) << numChannels;
         EXPECT_NEAR (0.0, sineGainDb (processor, numChannels, 30.0, 40), 0.3) << numChannels;
     }

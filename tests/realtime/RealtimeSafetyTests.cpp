@@ -62,11 +62,11 @@ TEST (RealtimeSafety, NoBlockAllocatesWhateverItsSizeOrSettings)
     struct Change { int index; float first, second; };
     const std::vector<Change> scenarios[] =
     {
-        { { Processor::tiltIndex, 0.9f, -0.9f } },
-        { { Processor::tiltIndex, 0.5f, 0.5f }, { Processor::linPhaseIndex, 1.0f, 0.0f } },
-        { { Processor::tiltIndex, -0.7f, -0.7f }, { Processor::lowIndex, -3.0f, 4.0f }, { Processor::highIndex, 2.0f, -2.0f },
-          { Processor::lowFreqIndex, 20.0f, 300.0f }, { Processor::highFreqIndex, 15000.0f, 3000.0f }, { Processor::trimIndex, -2.0f, 2.0f } },
-        { { Processor::tiltIndex, 0.6f, 0.6f }, { Processor::lowIndex, 3.0f, 3.0f }, { Processor::bypassIndex, 1.0f, 0.0f } },
+        { { ParameterTable::tiltIndex, 0.9f, -0.9f } },
+        { { ParameterTable::tiltIndex, 0.5f, 0.5f }, { ParameterTable::linPhaseIndex, 1.0f, 0.0f } },
+        { { ParameterTable::tiltIndex, -0.7f, -0.7f }, { ParameterTable::lowIndex, -3.0f, 4.0f }, { ParameterTable::highIndex, 2.0f, -2.0f },
+          { ParameterTable::lowFreqIndex, 20.0f, 300.0f }, { ParameterTable::highFreqIndex, 15000.0f, 3000.0f }, { ParameterTable::trimIndex, -2.0f, 2.0f } },
+        { { ParameterTable::tiltIndex, 0.6f, 0.6f }, { ParameterTable::lowIndex, 3.0f, 3.0f }, { ParameterTable::bypassIndex, 1.0f, 0.0f } },
     };
     const int blockSizes[] = { 512, 100, 1, 2000, 37 };   // 2000: past the declared 512
 
@@ -76,7 +76,7 @@ TEST (RealtimeSafety, NoBlockAllocatesWhateverItsSizeOrSettings)
         {
             SCOPED_TRACE ("scenario " + std::to_string (s) + ", linear phase " + std::to_string (linearPhase));
             Processor processor;
-            setParameter (processor, Processor::linPhaseIndex, linearPhase);
+            setParameter (processor, ParameterTable::linPhaseIndex, linearPhase);
             makeReady (processor, 512);
             const auto input = makeNoise (2, 2000, 5);
             bool soundChanged = false;   // proves the blocks took the processing path, not the dry one

@@ -23,8 +23,8 @@ namespace quenda_test
     inline std::unique_ptr<Processor> makeConvolvingProcessor (int blockSize, float tilt = 0.7f)
     {
         auto processor = std::make_unique<Processor>();
-        setParameter (*processor, Processor::linPhaseIndex, 1.0f);
-        setParameter (*processor, Processor::tiltIndex, tilt);
+        setParameter (*processor, ParameterTable::linPhaseIndex, 1.0f);
+        setParameter (*processor, ParameterTable::tiltIndex, tilt);
         makeReady (*processor, blockSize);
         return processor;
     }
