@@ -14,12 +14,19 @@ void ShelfStage::followSampleRate (double newSampleRate) noexcept
 {
     prepare (newSampleRate);
 
-    for (auto& section : sections)
+    for (size_t index = 0; index < sections.size(); ++index)
     {
-        section.sampleRate = sampleRate;
-        section.Fc = limits::safeCorner (section.Fc, sampleRate);
-        section.design();
+        sections[index].cornerHz = limits::safeCorner (sections[index].cornerHz, sampleRate);
+        redesign (index);
     }
+}
+
+void ShelfStage::redesign (size_t index) noexcept
+{
+    auto& section = sections[index];
+
+    section.filter.setCoefficients (index < 2 ? Biquad::lowShelf (section.cornerHz, lowShelfQ, section.gainDb, sampleRate)
+                                              : Biquad::highShelf (section.cornerHz, highShelfQ, section.gainDb, sampleRate));
 }
 
 void ShelfStage::reset (const Settings& settings) noexcept
@@ -34,21 +41,17 @@ void ShelfStage::reset (const Settings& settings) noexcept
         glide.previous = glide.current = glide.target;
         glide.increment = 0.0;
 
-        section.type = isLow ? Biquad::lowShelfQ : Biquad::highShelfMirrored;
-        section.Q = isLow ? lowShelfQ : highShelfQ;
-        section.sampleRate = sampleRate;
-        section.Fc = isLow ? settings.lowCornerHz : settings.highCornerHz;
+        section.cornerHz = isLow ? settings.lowCornerHz : settings.highCornerHz;
         section.gainDb = (double) glide.target;
-        section.design();
-        section.ready = 1;
-        section.z1 = section.z2 = 0.0;
+        redesign (index);
+        section.filter.reset();
     }
 }
 
 void ShelfStage::clearState() noexcept
 {
     for (auto& section : sections)
-        section.z1 = section.z2 = 0.0;
+        section.filter.reset();
 }
 
 void ShelfStage::process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings) noexcept
@@ -83,21 +86,17 @@ void ShelfStage::process (float* const* channels, int numChannelsInBlock, int n,
         }
     }
 
-    for (int channel = 0; channel < used; ++channel)
+    for (size_t channel = 0; channel < (size_t) used; ++channel)
     {
-        auto& lowShelf = sections[(size_t) channel];
-        auto& highShelf = sections[(size_t) (2 + channel)];
-
-        if (settings.lowCornerHz != lowShelf.Fc)
+        for (auto index : { channel, 2 + channel })
         {
-            lowShelf.Fc = settings.lowCornerHz;
-            lowShelf.design();
-        }
+            const auto corner = index < 2 ? settings.lowCornerHz : settings.highCornerHz;
 
-        if (settings.highCornerHz != highShelf.Fc)
-        {
-            highShelf.Fc = settings.highCornerHz;
-            highShelf.design();
+            if (corner != sections[index].cornerHz)
+            {
+                sections[index].cornerHz = corner;
+                redesign (index);
+            }
         }
     }
 
@@ -113,11 +112,12 @@ void ShelfStage::process (float* const* channels, int numChannelsInBlock, int n,
             if ((double) glides[index].current != sections[index].gainDb)
             {
                 sections[index].gainDb = (double) glides[index].current;
-                sections[index].design();
+                redesign (index);
             }
         }
 
-        Biquad::processStereoCascade (sections[0], sections[1], sections[2], sections[3], channels[0], channels[1], n);
+        Biquad::processStereoCascade (sections[0].filter, sections[1].filter, sections[2].filter, sections[3].filter,
+                                      channels[0], channels[1], n);
     }
     else
     {
@@ -139,10 +139,10 @@ void ShelfStage::process (float* const* channels, int numChannelsInBlock, int n,
                     if ((double) glide.current != section.gainDb)
                     {
                         section.gainDb = (double) glide.current;
-                        section.design();
+                        redesign ((size_t) index);
                     }
 
-                    samples[i] = section.process (samples[i]);
+                    samples[i] = section.filter.process (samples[i]);
                 }
             }
         }

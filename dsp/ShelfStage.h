@@ -4,6 +4,7 @@
 #include "dsp/Biquad.h"
 
 #include <array>
+#include <cstddef>
 
 /**
     The low and the high shelf of two channels: four sections, low then high on each channel.
@@ -55,8 +56,19 @@ private:
         double increment = 0.0;
     };
 
+    /** A section with the corner and gain it was last designed for. */
+    struct Section
+    {
+        Biquad filter;
+        double cornerHz = 0.0;
+        double gainDb = 0.0;
+    };
+
+    /** Designs a section for its corner and gain at the stage's rate. */
+    void redesign (std::size_t index) noexcept;
+
     // Low shelf of channels 0 and 1, then high shelf of channels 0 and 1.
-    std::array<Biquad, 4> sections;
+    std::array<Section, 4> sections;
     std::array<Glide, 4> glides;
     double sampleRate = 44100.0;
 };

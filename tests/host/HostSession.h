@@ -51,13 +51,14 @@ public:
         for (auto& channel : past)
             channel.assign ((size_t) fftSize, 0.0);
 
+        rate = sampleRate;
         for (size_t i = 0; i < 4; ++i)
         {
             const bool low = i < 2;
-            shelves[i] = Biquad();
-            shelves[i].configure (low ? Biquad::lowShelfQ : Biquad::highShelfMirrored, low ? s.lowFreq : s.highFreq,
-                                  low ? 0.35 : 0.5, bypassed ? 0.0f : (low ? s.low : s.high), sampleRate);
-            shelves[i].design();
+            shelves[i] = Shelf();
+            shelves[i].corner = low ? s.lowFreq : s.highFreq;
+            shelves[i].gainDb = bypassed ? 0.0f : (low ? s.low : s.high);
+            shelves[i].design (low, rate);
             previousGain[i] = (float) shelves[i].gainDb;
         }
 
@@ -107,10 +108,10 @@ public:
             const auto target = bypassed ? 0.0f : (low ? s.low : s.high);
             const auto increment = (double) ((target - previousGain[index]) / (float) n);
             const auto corner = (double) (low ? s.lowFreq : s.highFreq);
-            if (corner != shelf.Fc)
+            if (corner != shelf.corner)
             {
-                shelf.Fc = corner;
-                shelf.design();
+                shelf.corner = corner;
+                shelf.design (low, rate);
             }
 
             for (size_t i = 0; i < n; ++i)
@@ -119,13 +120,14 @@ public:
                 if ((double) gain != shelf.gainDb)
                 {
                     shelf.gainDb = gain;
-                    shelf.design();
+                    shelf.design (low, rate);
                 }
 
                 auto& sample = out[index % 2][i];
-                const double x = sample, y = x * shelf.a0 + shelf.z1;
-                shelf.z1 = x * shelf.a1 + shelf.z2 - shelf.b1 * y;
-                shelf.z2 = x * shelf.a2 - shelf.b2 * y;
+                const auto& c = shelf.coefficients;
+                const double x = sample, y = x * c.b0 + shelf.z1;
+                shelf.z1 = x * c.b1 + shelf.z2 - c.a1 * y;
+                shelf.z2 = x * c.b2 - c.a2 * y;
                 sample = (float) y;
             }
             previousGain[index] = target;
@@ -146,7 +148,20 @@ private:
     double previousTilt = 0;
     float previousTrim = 0, previousGain[4] {};
     std::vector<double> kernels[4], past[2];
-    Biquad shelves[4];   // low left, low right, high left, high right
+    /** A shelf's design and its own recurrence (the plug-in's runs in Biquad). */
+    struct Shelf
+    {
+        double corner = 0, gainDb = 0, z1 = 0, z2 = 0;
+        Biquad::Coefficients coefficients;
+
+        void design (bool low, double sampleRate)
+        {
+            coefficients = low ? Biquad::lowShelf (corner, 0.35, gainDb, sampleRate) : Biquad::highShelf (corner, 0.5, gainDb, sampleRate);
+        }
+    };
+
+    double rate = 0;
+    Shelf shelves[4];   // low left, low right, high left, high right
 };
 
 namespace
