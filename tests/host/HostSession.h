@@ -18,7 +18,11 @@ struct Settings
 {
     float tilt = 0, bypass = 0, linPhase = 0, trim = 0, low = 0, high = 0, lowFreq = 150, highFreq = 4500;
 
-    float& operator[] (int index) { return (&tilt)[index]; }
+    float& operator[] (int index)
+    {
+        float* const byIndex[] = { &tilt, &bypass, &linPhase, &trim, &low, &high, &lowFreq, &highFreq };
+        return *byIndex[index];
+    }
 };
 
 using Block = std::vector<std::vector<float>>;   // [channel][sample]
