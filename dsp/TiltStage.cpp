@@ -79,7 +79,7 @@ void TiltStage::prepare (int maximumBlockSize)
     dryMask = dryLength - 1;
 
     convolver.prepare (layout);
-    kernelBank.prepare (layout, fftSizeFor (maximumBlockSize));
+    kernelBank->prepare (layout, fftSizeFor (maximumBlockSize));
 
     for (int c = 0; c < numChannels; ++c)
     {
@@ -126,12 +126,12 @@ bool TiltStage::keepsChannelsAlike (const float* left, const float* right, int n
 
 bool TiltStage::process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings) noexcept
 {
-    const auto* kernels = kernelBank.acquire();
+    const auto* kernels = kernelBank->acquire();
 
     if (kernels != nullptr)
         process (channels, numChannelsInBlock, n, settings, *kernels);
 
-    kernelBank.release();
+    kernelBank->release();
     return kernels != nullptr;
 }
 

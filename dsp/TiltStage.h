@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 /**
@@ -14,8 +15,8 @@
     minimum phase) and cross-faded with the dry signal by the magnitude of the tilt, which
     glides linearly over a block. Dry is delayed by the kernels' latency in linear phase.
     Two channels; further ones pass untouched. prepare() allocates; process() never
-    allocates, locks or waits. The stage owns its kernel bank: designKernels() runs off the
-    audio thread and the next block picks the new set up.
+    allocates, locks or waits. The stage holds its kernel bank (shared with designs that may
+    outlive it): designs run off the audio thread and the next block picks the new set up.
 */
 class TiltStage
 {
@@ -45,7 +46,10 @@ public:
     void prepare (int maximumBlockSize);
 
     /** Designs the kernels for a sample rate. Never on the audio thread. */
-    void designKernels (double sampleRate)    { kernelBank.design (sampleRate); }
+    void designKernels (double sampleRate)    { kernelBank->design (sampleRate); }
+
+    /** The kernel bank, shared so that a design under way can outlive the stage. */
+    std::shared_ptr<TiltKernelBank> getKernelBank() const noexcept  { return kernelBank; }
 
     /** Silence as the past; the glide's start value is kept. */
     void reset() noexcept;
@@ -68,7 +72,7 @@ private:
     // every output of the piece depends on such samples only.
     bool keepsChannelsAlike (const float* left, const float* right, int n) noexcept;
 
-    TiltKernelBank kernelBank;
+    std::shared_ptr<TiltKernelBank> kernelBank = std::make_shared<TiltKernelBank>();
     tilt::PartitionLayout layout;
     tilt::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece

@@ -45,9 +45,9 @@ QuendaAudioProcessor::QuendaAudioProcessor()
                                              .withOutput ("Output", juce::AudioChannelSet::stereo(), true)),
       // The wrapper that creates this instance is known by now and fixes the normalisation.
       parameters (*this, normalisationFor (wrapperType)),
-      computeOnRequestingThread (hostWantsSynchronousComputation()),
       engineLock (platform::NamedSemaphore::open (engineLockName)),
-      filtersLock (platform::NamedSemaphore::open (filtersLockName))
+      filtersLock (platform::NamedSemaphore::open (filtersLockName)),
+      designs (KernelDesigns::create (tiltStage.getKernelBank(), engineLock, filtersLock, hostWantsSynchronousComputation()))
 {
     if (getLatencySamples() != baseLatency)
         setLatencySamples (baseLatency);
@@ -58,31 +58,14 @@ QuendaAudioProcessor::QuendaAudioProcessor()
     filtersLock.release();
 
     prepareEngine (std::max (getBlockSize(), 0));
-    requestFilterComputation();
+    requestKernelDesign();
 }
 
 QuendaAudioProcessor::~QuendaAudioProcessor()
 {
-    cancelPendingUpdate();
-    destroying = true;
-
-    // Some hosts delete an instance on a thread of their own (JUCE's LV2 host does on every
-    // prepareToPlay) while its message thread is designing: that design finishes first.
-    {
-        const std::lock_guard<std::mutex> designEnded (asyncDesign);
-    }
-
-    // An update the message thread had already taken out of the queue when it was cancelled
-    // has not reached handleAsyncUpdate yet: one round trip there lets it see `destroying`.
-    auto* messageManager = juce::MessageManager::getInstanceWithoutCreating();
-
-    if (messageManager != nullptr && ! messageManager->isThisTheMessageThread())
-    {
-        auto roundTrip = std::make_shared<juce::WaitableEvent>();
-
-        if (juce::MessageManager::callAsync ([roundTrip] { roundTrip->signal(); }))
-            roundTrip->wait (2000);
-    }
+    // Hosts delete instances on any thread, some while they block the message thread
+    // (JUCE's VST2 wrapper on Linux holds its lock): nothing here may wait for it.
+    KernelDesigns::dispose (std::move (designs));
 }
 
 const juce::String QuendaAudioProcessor::getProgramName (int)
@@ -122,33 +105,14 @@ void QuendaAudioProcessor::prepareEngine (int maximumBlockSize)
     engineLock.release();
 }
 
-void QuendaAudioProcessor::requestFilterComputation()
+void QuendaAudioProcessor::requestKernelDesign()
 {
-    if (computeOnRequestingThread)
-        computeFilters();
-    else
-        triggerAsyncUpdate();
+    designs->request (getSampleRate());
 }
 
-void QuendaAudioProcessor::handleAsyncUpdate()
+void QuendaAudioProcessor::runPendingKernelDesign()
 {
-    const std::lock_guard<std::mutex> running (asyncDesign);
-
-    if (! destroying)
-        computeFilters();
-}
-
-void QuendaAudioProcessor::computeFilters()
-{
-    filtersLock.wait();
-    filtersReady = true;
-    filtersLock.release();
-
-    // The shared lock serialises designs across instances; the audio thread never takes it,
-    // it picks the new set up at its next block.
-    engineLock.wait();
-    tiltStage.designKernels (getSampleRate());
-    engineLock.release();
+    designs->runPendingRequest();
 }
 
 //==============================================================================
@@ -184,9 +148,8 @@ void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerB
     // Everything a block needs is made here, off the audio thread: buffers for the declared
     // block size, kernels for this rate, filters and glides starting from silence, and the
     // latency, so that the first block is already fully processed.
-    cancelPendingUpdate();
     prepareEngine (std::max (maximumExpectedSamplesPerBlock, 1));
-    computeFilters();
+    designs->designNow (getSampleRate());
 
     shelfStage.prepare (getSampleRate());
     const auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());
@@ -231,15 +194,15 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     {
         shelfStage.followSampleRate (sampleRate);
         preparedSampleRate = sampleRate;
-        requestFilterComputation();
+        requestKernelDesign();
         return;
     }
 
     auto* const* channels = buffer.getArrayOfWritePointers();
 
-    if (! filtersReady || ! tiltStage.process (channels, numChannels, n, settings.tilt))
+    if (! designs->isReady() || ! tiltStage.process (channels, numChannels, n, settings.tilt))
     {
-        requestFilterComputation();
+        requestKernelDesign();
         return;
     }
 

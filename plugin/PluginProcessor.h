@@ -2,6 +2,7 @@
 #pragma once
 
 #include "BlockSettings.h"
+#include "KernelDesigns.h"
 #include "ParameterTable.h"
 #include "Parameters.h"
 #include "StateBlock.h"
@@ -13,11 +14,10 @@
 #include <juce_audio_processors/juce_audio_processors.h>
 
 #include <atomic>
-#include <mutex>
+#include <memory>
 
 /** Quenda: a spectral tilt, a low and a high shelf, then an output trim. */
-class QuendaAudioProcessor : public juce::AudioProcessor,
-                             public juce::AsyncUpdater
+class QuendaAudioProcessor : public juce::AudioProcessor
 {
 public:
     QuendaAudioProcessor();
@@ -58,6 +58,12 @@ public:
     /** The parameters by index, for the editor and the renderer. */
     Parameters& getParameterSet() noexcept            { return parameters; }
 
+    /** Asks for the kernels of the current rate, as the audio thread does when it lacks them. */
+    void requestKernelDesign();
+
+    /** Message thread: runs a requested design now instead of from the queue. */
+    void runPendingKernelDesign();
+
     /** Names of the locks shared by all instances of the user. */
     static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";
     static constexpr const char* filtersLockName = "Local\\SelvaneComputeFilters_semaphore";
@@ -66,18 +72,8 @@ public:
     static constexpr int linearPhaseLatency = TiltStage::linearPhaseDelay;
 
 private:
-    void handleAsyncUpdate() override;
-
     /** Sizes the tilt stage and the kernel sets for blocks of up to blockSize samples. */
     void prepareEngine (int maximumBlockSize);
-
-    /** Runs computeFilters() at once in the one host that needs it, otherwise on the
-        message thread. */
-    void requestFilterComputation();
-
-    /** Designs the kernels for the current sample rate under the shared locks and hands
-        them to the audio thread. */
-    void computeFilters();
 
     /** Reports the latency for a "lin_phase" state, once per change, from either thread. */
     void reportLatency (bool linearPhase);
@@ -93,16 +89,15 @@ private:
     TiltStage tiltStage;
     ShelfStage shelfStage;
     TrimStage trimStage;
-    std::atomic<bool> filtersReady { false };
     int baseLatency = 0;
 
     double preparedSampleRate = 0.0;
 
-    const bool computeOnRequestingThread;
-    std::mutex asyncDesign;                // held by a design that runs from the async update
-    std::atomic<bool> destroying { false };
     platform::NamedSemaphore& engineLock;
     platform::NamedSemaphore& filtersLock;
+
+    // Shared with the designs posted to the message thread, which never see this object.
+    std::shared_ptr<KernelDesigns> designs;
 
     JUCE_DECLARE_NON_COPYABLE_WITH_LEAK_DETECTOR (QuendaAudioProcessor)
 };

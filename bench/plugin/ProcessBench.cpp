@@ -41,7 +41,7 @@ namespace
             for (int block = 0; block < 2; ++block)
                 processor.processBlock (buffer, midi);
 
-            processor.handleUpdateNowIfNeeded();
+            processor.runPendingKernelDesign();
 
             juce::Random random (1);
             for (int channel = 0; channel < 2; ++channel)
@@ -101,8 +101,8 @@ namespace
 
         for (auto _ : state)
         {
-            ready.processor.triggerAsyncUpdate();
-            ready.processor.handleUpdateNowIfNeeded();
+            ready.processor.requestKernelDesign();
+            ready.processor.runPendingKernelDesign();
         }
 
         state.counters["fft_size"] = TiltStage::fftSizeFor (blockSize);

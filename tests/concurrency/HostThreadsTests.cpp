@@ -137,10 +137,10 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
         ++restores;
 
         // Both instances design kernels on this thread while their audio runs.
-        first.triggerAsyncUpdate();
-        second.triggerAsyncUpdate();
-        first.handleUpdateNowIfNeeded();
-        second.handleUpdateNowIfNeeded();
+        first.requestKernelDesign();
+        second.requestKernelDesign();
+        first.runPendingKernelDesign();
+        second.runPendingKernelDesign();
 
         if (restores % 3 == 0)
         {
@@ -174,7 +174,7 @@ TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
         {
             auto processor = std::make_unique<P>();   // posts a design of its own
             processor->setRateAndBufferSizeDetails (48000.0, 512);
-            processor->triggerAsyncUpdate();
+            processor->requestKernelDesign();
             std::this_thread::sleep_for (std::chrono::milliseconds (i % 4));
             processor.reset();
             ++deleted;

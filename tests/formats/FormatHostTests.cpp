@@ -258,5 +258,19 @@ TEST_P (FormatHost, LatencyStateAndAudioMatchTheVst2Build)
     EXPECT_EQ (3249, plugin->getLatencySamples());
 }
 
+TEST_P (FormatHost, ClosesWithinMilliseconds)
+{
+    for (int cycle = 0; cycle < 3; ++cycle)
+    {
+        auto plugin = load (GetParam());
+        ASSERT_NE (nullptr, plugin);
+        processSilence (*plugin);
+
+        const auto start = juce::Time::getMillisecondCounterHiRes();
+        plugin.reset();
+        EXPECT_LT (juce::Time::getMillisecondCounterHiRes() - start, 100.0) << "cycle " << cycle;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P (Formats, FormatHost, testing::Values (Format::vst3, Format::lv2),
                           [] (const auto& test) { return std::string (test.param == Format::vst3 ? "Vst3" : "Lv2"); });

@@ -69,8 +69,8 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 
             auto computation = std::async (std::launch::async, [&]
             {
-                processor->triggerAsyncUpdate();
-                processor->handleUpdateNowIfNeeded();
+                processor->requestKernelDesign();
+                processor->runPendingKernelDesign();
             });
             const auto ranWhileHeld = finishes (computation, 100ms);
 
@@ -150,8 +150,8 @@ TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturb
                 break;   // the rescue below frees the locks for the player
             for (auto* instance : { steady.get(), changing.get() })
             {
-                instance->triggerAsyncUpdate();
-                instance->handleUpdateNowIfNeeded();
+                instance->requestKernelDesign();
+                instance->runPendingKernelDesign();
             }
             std::this_thread::sleep_for (2ms);   // the lock is not fair: leave the audio threads a chance
         }
@@ -168,8 +168,8 @@ TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturb
 
     // After one more computation at the final rate the other plays like a fresh instance past
     // the kernel's length (its convolution segments fall elsewhere: only rounding differs).
-    changing->triggerAsyncUpdate();
-    changing->handleUpdateNowIfNeeded();
+    changing->requestKernelDesign();
+    changing->runPendingKernelDesign();
     auto fresh = makeNoise (2, 40 * blockSize, 20);
     auto changed = fresh;
     processInBlocks (*makeConvolvingProcessor (blockSize, -0.4f), fresh, blockSize);

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "dsp/TiltKernelBank.h"
+#include "platform/NamedSemaphore.h"
+
+#include <juce_events/juce_events.h>
+
+#include <atomic>
+#include <memory>
+
+/**
+    The designs that fill one instance's tilt kernels.
+
+    A design posted to the message thread holds no pointer to the processor, only to this
+    object, which the processor shares with it. An instance can therefore be deleted on any
+    thread without waiting for the message thread: dispose() drops what is pending, and an
+    object a design may still run on is deleted on the message thread once that has passed.
+*/
+class KernelDesigns
+{
+public:
+    /** Designs run at once on the requesting thread when designOnRequestingThread is set,
+        otherwise on the message thread. */
+    static std::shared_ptr<KernelDesigns> create (std::shared_ptr<TiltKernelBank> bank,
+                                                  platform::NamedSemaphore& engineLock,
+                                                  platform::NamedSemaphore& filtersLock,
+                                                  bool designOnRequestingThread);
+
+    /** Cancels what is pending and lets the object go, here or on the message thread.
+        Never waits. */
+    static void dispose (std::shared_ptr<KernelDesigns> designs);
+
+    ~KernelDesigns();
+
+    /** Asks for kernels at this rate: from any thread, the audio thread included. Requests
+        coalesce; the newest rate wins. */
+    void request (double sampleRate);
+
+    /** Designs for this rate now, on the calling thread (never the audio thread, unless the
+        host wants it). */
+    void designNow (double sampleRate);
+
+    /** Message thread: runs a pending request at once. */
+    void runPendingRequest();
+
+    /** Whether a design has started since construction (the audio thread's ready flag). */
+    bool isReady() const noexcept;
+
+private:
+    struct PendingRequest : juce::AsyncUpdater
+    {
+        explicit PendingRequest (KernelDesigns& o) : owner (o) {}
+        void handleAsyncUpdate() override;
+        KernelDesigns& owner;
+    };
+
+    KernelDesigns (std::shared_ptr<TiltKernelBank> bank, platform::NamedSemaphore& engineLock,
+                   platform::NamedSemaphore& filtersLock, bool designOnRequestingThread);
+
+    const std::shared_ptr<TiltKernelBank> bank;
+    platform::NamedSemaphore& engineLock;
+    platform::NamedSemaphore& filtersLock;
+    const bool designOnRequestingThread;
+    std::atomic<bool> filtersReady { false };
+    std::atomic<bool> cancelled { false };
+    std::atomic<double> requestedRate { 0.0 };
+    PendingRequest pending { *this };
+
+    JUCE_DECLARE_NON_COPYABLE (KernelDesigns)
+};
