@@ -158,6 +158,7 @@ void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerB
     shelfStage.reset (settings.shelves);
     trimStage.reset (settings.trim);
     preparedSampleRate = getSampleRate();
+    waitingForFirstBlock = true;
 
     latencyIsLinear = settings.tilt.linearPhase;
     reportLatency (latencyIsLinear);
@@ -199,6 +200,16 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     }
 
     auto* const* channels = buffer.getArrayOfWritePointers();
+
+    // Hosts restore a session between prepareToPlay and the first block: that block starts
+    // from the restored values as if they had been there at prepare, with no glide.
+    if (waitingForFirstBlock)
+    {
+        tiltStage.reset (settings.tilt);
+        shelfStage.reset (settings.shelves);
+        trimStage.reset (settings.trim);
+        waitingForFirstBlock = false;
+    }
 
     if (! designs->isReady() || ! tiltStage.process (channels, numChannels, n, settings.tilt))
     {

@@ -92,6 +92,7 @@ private:
     int baseLatency = 0;
 
     double preparedSampleRate = 0.0;
+    bool waitingForFirstBlock = false;   // prepared, no block processed yet
 
     platform::NamedSemaphore& engineLock;
     platform::NamedSemaphore& filtersLock;

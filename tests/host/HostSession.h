@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Quenda.so through the VST2 ABI side by side with a model computed another way: the tilt by
 // direct summation (no FFT), shelves and trim in double. Every block is processed from the
-// first, whatever its length; gains glide over one block, corners change at once.
+// first, whatever its length; gains glide over one block (except into the first block after a
+// start, which takes its settings at once), corners change at once.
 #pragma once
 
 #include "Vst2Host.h"
@@ -34,9 +35,8 @@ public:
         every filter and glide from silence at the current settings. */
     void start (double sampleRate, int declaredBlockSize, const Settings& s)
     {
-        const bool bypassed = s.bypass >= 0.5f;
-        previousTrim = bypassed ? 0.0f : s.trim;
-        previousTilt = bypassed ? 0.0 : s.tilt;
+        rate = sampleRate;
+        startFrom (s);
 
         for (fftSize = 1; fftSize <= tilt::kernelLength + declaredBlockSize - 2;)
             fftSize *= 2;
@@ -54,8 +54,16 @@ public:
 
         for (auto& channel : past)
             channel.assign ((size_t) fftSize, 0.0);
+    }
 
-        rate = sampleRate;
+    /** Glides, shelves and latency at these settings, as prepareToPlay leaves them; the
+        first block takes the settings it is given the same way. */
+    void startFrom (const Settings& s)
+    {
+        const bool bypassed = s.bypass >= 0.5f;
+        previousTrim = bypassed ? 0.0f : s.trim;
+        previousTilt = bypassed ? 0.0 : s.tilt;
+
         for (size_t i = 0; i < 4; ++i)
         {
             const bool low = i < 2;
@@ -67,6 +75,7 @@ public:
         }
 
         latencySamples = s.linPhase >= 0.5f ? tilt::latencySamples : 0;
+        firstBlock = true;
     }
 
     int latency() const { return latencySamples; }
@@ -74,6 +83,10 @@ public:
     /** The expected output of one block. */
     Block process (Block out, const Settings& s)
     {
+        if (firstBlock)
+            startFrom (s);
+        firstBlock = false;
+
         const bool linear = s.linPhase >= 0.5f, bypassed = s.bypass >= 0.5f;
         latencySamples = linear ? tilt::latencySamples : 0;
         const auto n = out[0].size();
@@ -165,6 +178,7 @@ private:
     };
 
     double rate = 0;
+    bool firstBlock = false;
     Shelf shelves[4];   // low left, low right, high left, high right
 };
 

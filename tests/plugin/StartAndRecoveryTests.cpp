@@ -53,6 +53,39 @@ TEST (Start, RestoringAProjectReportsItsLatencyAtOnce)
     EXPECT_EQ (Processor::linearPhaseLatency, restored.getLatencySamples());
 }
 
+// Hosts restore a session between prepareToPlay and the first block (Audacity does): that
+// block starts from the restored values exactly as if they had been there at prepare.
+TEST (Start, AStateRestoredBeforeTheFirstBlockTakesEffectAtOnce)
+{
+    for (float linPhase : { 0.0f, 1.0f })
+    {
+        SCOPED_TRACE (linPhase > 0 ? "linear phase" : "minimum phase");
+        Processor source, restoredBefore, restoredAfter;
+        const float values[] = { 0.8f, 0, linPhase, -3, 4, -2, 200, 6000 };
+        for (int i = 0; i < 8; ++i)
+            setParameter (source, i, values[i]);
+        juce::MemoryBlock state;
+        source.getStateInformation (state);
+
+        restoredBefore.setStateInformation (state.getData(), (int) state.getSize());
+        makeReady (restoredBefore, 512);
+        makeReady (restoredAfter, 512);
+        restoredAfter.setStateInformation (state.getData(), (int) state.getSize());
+
+        const auto input = makeNoise (2, 1536, 5);
+        auto before = input, after = input;
+        processInBlocks (restoredBefore, before, 512);
+        processInBlocks (restoredAfter, after, 512);
+        EXPECT_EQ (0.0f, maxDifference (before, after));
+
+        // A glide from the defaults would leave the very first sample dry.
+        if (linPhase == 0.0f)
+        {
+            EXPECT_NE (input.getSample (0, 0), after.getSample (0, 0));
+        }
+    }
+}
+
 // Every rate a host may choose, with the defaults, the editor's extremes and finite values far
 // beyond them: the output stays finite and bounded, blocks of varying size and glides included.
 TEST (Recovery, EveryRateAndFiniteSettingGivesFiniteStableOutput)
