@@ -128,11 +128,14 @@ bool TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
 {
     const auto* kernels = kernelBank->acquire();
 
-    if (kernels != nullptr)
+    // Another rate's kernels would put the tilt at the wrong frequencies.
+    const auto usable = kernels != nullptr && (settings.kernelSampleRate <= 0.0 || kernels->sampleRate == settings.kernelSampleRate);
+
+    if (usable)
         process (channels, numChannelsInBlock, n, settings, *kernels);
 
     kernelBank->release();
-    return kernels != nullptr;
+    return usable;
 }
 
 void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings,

@@ -29,6 +29,7 @@ public:
     {
         double tilt = 0.0;
         bool linearPhase = false;
+        double kernelSampleRate = 0.0;   // kernels of another rate are not used; 0 takes any
     };
 
     /** Smallest power of two strictly above kernelLength + blockSize - 2: the FFT size the
@@ -61,7 +62,7 @@ public:
 
     /** Processes n samples in place, gliding to settings.tilt. Blocks longer than the
         prepared size are worked through in pieces. Returns false, leaving the samples as
-        they are, while no kernels are designed. */
+        they are, while no kernels are designed (for settings.kernelSampleRate). */
     bool process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings) noexcept;
 
 private:

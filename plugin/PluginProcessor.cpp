@@ -178,25 +178,33 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
 
     const auto numChannels = std::min (numOutputs, buffer.getNumChannels());
 
-    const auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());
+    // A VST2 host may set a new rate while running; the wrapper keeps it from us until the
+    // next resume. Taking it over here makes it a change of rate like any other.
+    const auto hostRate = HostSampleRate::current();
+
+    if (limits::isUsableSampleRate (hostRate) && hostRate != getSampleRate())
+        setRateAndBufferSizeDetails (hostRate, getBlockSize());
+
+    const auto sampleRate = getSampleRate();
+
+    // A host that changes the rate without preparing again: the shelves follow at once, the
+    // tilt once kernels for the new rate exist (at once where the host wants designs in the
+    // block, otherwise after the message thread has designed them).
+    if (sampleRate != preparedSampleRate)
+    {
+        shelfStage.followSampleRate (sampleRate);
+        preparedSampleRate = sampleRate;
+        requestKernelDesign();
+    }
+
+    auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());
+    settings.tilt.kernelSampleRate = sampleRate;
     const auto linearPhase = settings.tilt.linearPhase;
 
     if (linearPhase != latencyIsLinear)
     {
         reportLatency (linearPhase);
         latencyIsLinear = linearPhase;
-    }
-
-    const auto sampleRate = getSampleRate();
-
-    // A host that changes the rate without preparing again: the shelves follow at once, the
-    // kernels after the message thread has designed them.
-    if (sampleRate != preparedSampleRate)
-    {
-        shelfStage.followSampleRate (sampleRate);
-        preparedSampleRate = sampleRate;
-        requestKernelDesign();
-        return;
     }
 
     auto* const* channels = buffer.getArrayOfWritePointers();

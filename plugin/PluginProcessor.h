@@ -2,6 +2,7 @@
 #pragma once
 
 #include "BlockSettings.h"
+#include "HostSampleRate.h"
 #include "KernelDesigns.h"
 #include "ParameterTable.h"
 #include "Parameters.h"
@@ -17,7 +18,8 @@
 #include <memory>
 
 /** Quenda: a spectral tilt, a low and a high shelf, then an output trim. */
-class QuendaAudioProcessor : public juce::AudioProcessor
+class QuendaAudioProcessor : public juce::AudioProcessor,
+                             public HostSampleRate
 {
 public:
     QuendaAudioProcessor();

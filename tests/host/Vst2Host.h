@@ -20,8 +20,19 @@
 namespace vst2host
 {
 
-inline VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr, void*, float)
+/** The host's side of one instance: its time info, which carries the rate it runs at. */
+struct HostState
 {
+    VstTimeInfo time {};
+};
+
+inline VstIntPtr VSTCALLBACK hostCallback (AEffect* effect, int opcode, int, VstIntPtr, void*, float)
+{
+    auto* host = effect != nullptr ? static_cast<HostState*> (effect->user) : nullptr;
+
+    if (opcode == audioMasterGetTime)
+        return host != nullptr ? (VstIntPtr) &host->time : 0;
+
     return opcode == audioMasterVersion ? 2400 : 0;
 }
 
@@ -64,6 +75,7 @@ public:
         effect = entry (hostCallback);
         if (effect == nullptr || effect->magic != 0x56737450)
             throw std::runtime_error ("VSTPluginMain returned no effect");
+        effect->user = &host;
         dispatch (effOpen);
     }
 
@@ -91,11 +103,20 @@ public:
 
     void start (float sampleRate, int blockSize)
     {
+        host.time.sampleRate = sampleRate;
         dispatch (effSetSampleRate, 0, 0, nullptr, sampleRate);
         dispatch (effSetBlockSize, 0, blockSize);
         dispatch (effMainsChanged, 0, 1);
         dispatch (effStartProcess);
         running = true;
+    }
+
+    /** As Audacity does after preparing: a new rate and block size while resumed. */
+    void setRateWhileRunning (float sampleRate, int blockSize)
+    {
+        host.time.sampleRate = sampleRate;
+        dispatch (effSetSampleRate, 0, 0, nullptr, sampleRate);
+        dispatch (effSetBlockSize, 0, blockSize);
     }
 
     void stop()
@@ -136,6 +157,7 @@ public:
     AEffect* effect = nullptr;
 
 private:
+    HostState host;
     bool running = false;
 };
 

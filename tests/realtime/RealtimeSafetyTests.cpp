@@ -100,3 +100,34 @@ TEST (RealtimeSafety, NoBlockAllocatesWhateverItsSizeOrSettings)
         }
     }
 }
+
+// A VST2 host that sets a new rate while running (Audacity does): the block that learns it
+// from the host's time info and those waiting for its kernels allocate nothing either; the
+// processor reports the host's rate and processes at it once the kernels exist.
+TEST (RealtimeSafety, ARateTheHostSetsWhileRunningAllocatesNothing)
+{
+    struct { double samplePosition = 0, sampleRate = 44100; } hostTime;
+    Processor processor;
+    processor.handleVstHostCallbackAvailable ([&hostTime] (juce::int32 opcode, juce::int32, juce::pointer_sized_int, void*, float)
+    {
+        constexpr juce::int32 getTime = 7;
+        return opcode == getTime ? (juce::pointer_sized_int) &hostTime : 0;
+    });
+    setParameter (processor, ParameterTable::tiltIndex, 0.8f);
+    makeReady (processor, 512, 44100.0);
+    hostTime.sampleRate = 48000;
+
+    const auto input = makeNoise (2, 512, 5);
+    auto audio = input;
+
+    for (int k = 0; k < 3; ++k)
+    {
+        audio = input;
+        auto block = blockOf (audio, 0, 512);
+        EXPECT_EQ (0, allocationsIn (processor, block)) << "block " << k;
+        EXPECT_EQ (48000.0, processor.getSampleRate());
+        processor.runPendingKernelDesign();   // the message thread's turn
+    }
+
+    EXPECT_GT (maxDifference (audio, input), 0.01f) << "no longer processed";
+}

@@ -103,3 +103,18 @@ TEST (AudioPath, ARateChangeWaitsForTheEngineLockAndIsProcessedFromItsFirstBlock
     for (int b = 0; b < 4; ++b)
         session.block (512, "after");
 }
+
+// Audacity's order: prepared at 44.1 kHz, then 48 kHz and its own block size set while the
+// plug-in runs, with no new resume. Every block is as at 48 kHz from the first.
+TEST (AudioPath, ARateSetWhileRunningIsFollowedFromTheFirstBlock)
+{
+    for (float linPhase : { 0.0f, 1.0f })
+    {
+        Session session (512, { 0.6f, 0, linPhase, -1, 4, -2, 120, 6000 }, 44100.0);
+        session.plugin.setRateWhileRunning (48000.0f, 8192);
+        session.model.start (48000.0, 512, session.settings);
+
+        for (int n : { 8192, 8192, 1000 })
+            session.block (n, linPhase > 0 ? "linear phase, 48 kHz set while running" : "minimum phase, 48 kHz set while running");
+    }
+}
