@@ -161,28 +161,44 @@ TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
 }
 
 // Hosts that delete an instance on a thread of their own while its message thread is still
-// designing kernels (JUCE's LV2 host does so on every prepareToPlay): the design finishes
-// first, and an update taken out of the queue just before the deletion never runs.
+// designing kernels (JUCE's LV2 host does so on every prepareToPlay), some while holding the
+// message thread's lock (JUCE's VST2 wrapper on Linux): the deletion waits for neither, and
+// neither a running design nor an update already taken out of the queue touches the instance.
 TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
 {
     constexpr int instances = 12;
-    std::atomic<int> deleted { 0 };
 
-    std::thread host ([&]
+    for (bool holdingMessageLock : { false, true })
     {
-        for (int i = 0; i < instances; ++i)
+        std::atomic<int> deleted { 0 };
+
+        std::thread host ([&]
         {
-            auto processor = std::make_unique<P>();   // posts a design of its own
-            processor->setRateAndBufferSizeDetails (48000.0, 512);
-            processor->requestKernelDesign();
-            std::this_thread::sleep_for (std::chrono::milliseconds (i % 4));
-            processor.reset();
-            ++deleted;
-        }
-    });
+            for (int i = 0; i < instances; ++i)
+            {
+                auto processor = std::make_unique<P>();   // posts a design of its own
+                processor->setRateAndBufferSizeDetails (48000.0, 512);
+                processor->requestKernelDesign();
+                std::this_thread::sleep_for (std::chrono::milliseconds (i % 4));
 
-    while (deleted.load() < instances)
-        juce::MessageManager::getInstance()->runDispatchLoopUntil (1);
+                if (holdingMessageLock)
+                {
+                    const juce::MessageManagerLock lock;
+                    processor.reset();
+                }
+                else
+                {
+                    processor.reset();
+                }
 
-    host.join();   // a failure here is a crash, a hang or a ThreadSanitizer report
+                ++deleted;
+            }
+        });
+
+        while (deleted.load() < instances)
+            juce::MessageManager::getInstance()->runDispatchLoopUntil (1);
+
+        host.join();   // a failure here is a crash, a hang or a ThreadSanitizer report
+        juce::MessageManager::getInstance()->runDispatchLoopUntil (20);
+    }
 }
