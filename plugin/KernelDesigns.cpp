@@ -52,7 +52,7 @@ void KernelDesigns::request (double sampleRate)
 void KernelDesigns::PendingRequest::handleAsyncUpdate()
 {
     if (! owner.cancelled)
-        owner.designNow (owner.requestedRate);
+        owner.designRequestedRate();
 }
 
 void KernelDesigns::runPendingRequest()
@@ -66,15 +66,20 @@ void KernelDesigns::designNow (double sampleRate)
     // designs for this rate too.
     requestedRate = sampleRate;
     pending.cancelPendingUpdate();
+    designRequestedRate();
+}
 
+void KernelDesigns::designRequestedRate()
+{
     filtersLock.wait();
     filtersReady = true;
     filtersLock.release();
 
     // The shared lock serialises designs across instances; the audio thread never takes it,
-    // it picks the new set up at its next block.
+    // it picks the new set up at its next block. The rate is read under the lock, so that
+    // of two designs the one published last has the newest rate.
     engineLock.wait();
-    bank->design (sampleRate);
+    bank->design (requestedRate);
     engineLock.release();
 }
 

@@ -58,6 +58,8 @@ private:
     KernelDesigns (std::shared_ptr<TiltKernelBank> bank, platform::NamedSemaphore& engineLock,
                    platform::NamedSemaphore& filtersLock, bool designOnRequestingThread);
 
+    void designRequestedRate();
+
     const std::shared_ptr<TiltKernelBank> bank;
     platform::NamedSemaphore& engineLock;
     platform::NamedSemaphore& filtersLock;
