@@ -57,8 +57,10 @@ QuendaAudioProcessor::QuendaAudioProcessor()
     engineLock.release();
     filtersLock.release();
 
+    // No design yet: prepareToPlay makes the kernels for the host's rate, and a block that
+    // finds none asks for them. Hosts that only open and close an instance (a plug-in scan)
+    // then never have a design on the message thread to wait for when they close it.
     prepareEngine (std::max (getBlockSize(), 0));
-    requestKernelDesign();
 }
 
 QuendaAudioProcessor::~QuendaAudioProcessor()

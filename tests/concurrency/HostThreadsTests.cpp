@@ -176,7 +176,7 @@ TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
         {
             for (int i = 0; i < instances; ++i)
             {
-                auto processor = std::make_unique<P>();   // posts a design of its own
+                auto processor = std::make_unique<P>();
                 processor->setRateAndBufferSizeDetails (48000.0, 512);
                 processor->requestKernelDesign();
                 std::this_thread::sleep_for (std::chrono::milliseconds (i % 4));

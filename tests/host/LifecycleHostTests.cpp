@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Closing Quenda.so as hosts do: effClose returns within milliseconds whatever the plug-in's
-// message thread is doing. Here, unlike the "wavelab" program, kernels are designed on that
-// thread, as in every ordinary host.
+// Closing Quenda.so as hosts do: effClose returns within milliseconds, on the thread that
+// opened the instance or another. JUCE's wrapper closes under the plug-in message thread's
+// lock, which that thread only grants between two of its messages.
 
 #include "Vst2Host.h"
 
@@ -35,7 +35,7 @@ TEST (Vst2Lifecycle, CloseTakesMillisecondsInEveryOrder)
 {
     struct Order { const char* what; bool play; bool closeElsewhere; };
     const Order orders[] {
-        { "closed right after opening, its first design under way", false, false },
+        { "closed right after opening, as a plug-in scan does", false, false },
         { "closed after playing", true, false },
         { "opened and closed on different threads", true, true },
     };
@@ -51,7 +51,6 @@ TEST (Vst2Lifecycle, CloseTakesMillisecondsInEveryOrder)
             if (order.play)
                 playOneBlock (*plugin);
 
-            // A new instance asks the plug-in's message thread for kernels at once.
             if (order.closeElsewhere)
                 std::thread ([&] { slowest = std::max (slowest, millisecondsToRun ([&] { plugin.reset(); })); }).join();
             else
