@@ -3,6 +3,12 @@
 # (vst, vst3 and lv2 folders are made below it).
 set (QUENDA_PLUGIN_DIR "" CACHE PATH "Install the plug-ins below this folder instead of the usual ones")
 
+# The LV2 build is Linux-only.
+set (quenda_install_lv2 "")
+if (TARGET Quenda_LV2)
+    set (quenda_install_lv2 "file (INSTALL \"$<TARGET_FILE_DIR:Quenda_LV2>\" DESTINATION \"\${lv2}\" USE_SOURCE_PERMISSIONS)")
+endif()
+
 install (CODE "
     set (root \"${QUENDA_PLUGIN_DIR}\")
     execute_process (COMMAND id -u OUTPUT_VARIABLE uid OUTPUT_STRIP_TRAILING_WHITESPACE)
@@ -25,5 +31,5 @@ install (CODE "
     file (REMOVE_RECURSE \"\$ENV{DESTDIR}\${vst3}/Quenda.vst3\" \"\$ENV{DESTDIR}\${lv2}/Quenda.lv2\")
     file (INSTALL \"$<TARGET_FILE:Quenda_VST>\" DESTINATION \"\${vst}\")
     file (INSTALL \"\${vst3Bundle}\" DESTINATION \"\${vst3}\" USE_SOURCE_PERMISSIONS)
-    file (INSTALL \"$<TARGET_FILE_DIR:Quenda_LV2>\" DESTINATION \"\${lv2}\" USE_SOURCE_PERMISSIONS)
+    ${quenda_install_lv2}
 ")
