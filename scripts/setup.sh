@@ -12,6 +12,7 @@ packages=(
     libflac-dev libvorbis-dev libogg-dev
     sordi
     xvfb xauth
+    ardour
 )
 
 missing=()
