@@ -14,7 +14,7 @@
 
 namespace quenda::cli::test
 {
-TEST (Options, EveryParameterIsReachableByItsOwnOptionAndByParam)
+TEST (Options, EveryParameterIsReachable)
 {
     const auto known = describeParameters();
     ASSERT_EQ (known.size(), (size_t) ParameterTable::numParameters);
@@ -107,7 +107,7 @@ TEST (Options, ArgumentsMustBeWellFormedUtf8)
         EXPECT_FALSE (isWellFormedUtf8 (bad, std::strlen (bad))) << bad;
 }
 
-TEST (Presets, SavedPresetLoadsBackToTheIdenticalRenderAndIntoTheProcessor)
+TEST (Presets, RoundTripToTheIdenticalRender)
 {
     TempFolder temp;
     writeAudio (temp["in.wav"], noise (2, 12000));
@@ -125,7 +125,7 @@ TEST (Presets, SavedPresetLoadsBackToTheIdenticalRenderAndIntoTheProcessor)
     EXPECT_FLOAT_EQ (processor.getParameterValues()[ParameterTable::trimIndex], 1.0f);
 }
 
-TEST (Plot, WrittenAndFollowsTheSettingsInBothPhaseModes)
+TEST (Plot, FollowsTheSettings)
 {
     TempFolder temp;
     ASSERT_EQ (render ({ "--tilt", "-1", "--plot", temp ("r.png"), "-q" }).code, 0);
@@ -152,7 +152,7 @@ TEST (Plot, WrittenAndFollowsTheSettingsInBothPhaseModes)
     EXPECT_NEAR (levels ({ "--low", "6", "--low-freq", "100" })[0], 6.0, 1.0);
 }
 
-TEST (Demo, WritesItsFilesShowsTheTiltAndRefusesToOverwrite)
+TEST (Demo, WritesTheDemoFolder)
 {
     TempFolder temp;
     const auto folder = temp ("demo");

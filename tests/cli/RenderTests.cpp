@@ -8,7 +8,7 @@
 
 namespace quenda::cli::test
 {
-TEST (Render, LengthAlignmentAndTheFirstSamples)
+TEST (Render, OutputLinesUpWithTheInput)
 {
     TempFolder temp;
     constexpr int length = 20000, delay = QuendaAudioProcessor::linearPhaseLatency;
@@ -77,7 +77,7 @@ TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
     EXPECT_NE (result.err.find (expected.toStdString()), std::string::npos) << result.err << "expected: " << expected;
 }
 
-TEST (Formats, RoundTripKeepsRateChannelsLengthAndDepth)
+TEST (Formats, RoundTripKeepsTheFormat)
 {
     TempFolder temp;
     const struct { const char* input; int channels, bits; const char* output; const char* depth; int outBits; } cases[] {
@@ -100,7 +100,7 @@ TEST (Formats, RoundTripKeepsRateChannelsLengthAndDepth)
     }
 }
 
-TEST (Formats, SixteenBitDitherIsReproducibleAndKeepsQuietDetail)
+TEST (Formats, SixteenBitDitherIsReproducible)
 {
     TempFolder temp;
     constexpr float lsb = 1.0f / 32768.0f;

@@ -87,7 +87,7 @@ namespace
     };
 }
 
-TEST (HostThreads, AudioAutomationStateEditorAndKernelsTogether)
+TEST (HostThreads, EveryHostThreadAtOnce)
 {
     P first, second;
     std::atomic<bool> running { true };

@@ -32,7 +32,7 @@ namespace
     double cornerGain (double v, double q) { return std::hypot ((v - 1.0) * q, std::sqrt (v)); }
 }
 
-TEST (Biquad, ShelvesMeetTheirAnalyticGainsAndBoostUndoesCut)
+TEST (Biquad, ShelvesMatchTheirAnalyticResponse)
 {
     const struct { bool low; double q, fc, fs; } shelves[] = {
         { true, 0.35, 120.0, 44100.0 },  { true, 0.35, 1500.0, 96000.0 },

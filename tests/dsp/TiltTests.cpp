@@ -43,7 +43,7 @@ namespace
     }
 }
 
-TEST (TiltKernelDesign, KaiserWindowAndTargetMagnitude)
+TEST (TiltKernelDesign, WindowAndTargetMatchTheirFormulas)
 {
     for (int i : { 0, 1, 1624, 3249, 3250, 5000, tilt::kernelLength - 1 })
         EXPECT_NEAR (tilt::kaiserWindow (i, tilt::kernelLength), referenceKaiser (i), 1e-14) << i;
@@ -139,7 +139,7 @@ TEST (PartitionedConvolution, LayoutsStartEachLevelLateEnoughForItsSpreadWork)
 // for each channel of a stereo pair with its own input (or for a lone channel). Where the
 // right input turns into a copy of the left, the right output becomes the left's exactly once
 // the kernels hold only alike input.
-TEST (TiltStage, CrossFadeMatchesOracleThroughGlidesSwitchesAndNewKernels)
+TEST (TiltStage, MatchesTheOracleOverLongStreams)
 {
     // Declared and largest block share the FFT size the kernels are designed at.
     const struct { int declared, largest; unsigned seed; int channels; size_t alikeFrom; } cases[] = {

@@ -233,7 +233,7 @@ TEST_P (FormatHost, ParametersMapTheEditorRangesOntoPlainValues)
     }
 }
 
-TEST_P (FormatHost, LatencyStateAndAudioMatchTheVst2Build)
+TEST_P (FormatHost, BehavesAsTheVst2Build)
 {
     auto plugin = load (GetParam());
     ASSERT_NE (nullptr, plugin);

@@ -9,7 +9,7 @@
 
 using vst2host::Instance;
 
-TEST (Vst2Foundation, DescribesItselfAsAStereoEffectWithPlainParameterDefaults)
+TEST (Vst2Foundation, DescribesItselfAsAStereoEffect)
 {
     Instance plugin;
     EXPECT_EQ (8, plugin.effect->numParams);
@@ -42,7 +42,7 @@ TEST (Vst2Foundation, DescribesItselfAsAStereoEffectWithPlainParameterDefaults)
 }
 
 // Values outside 0..1 on purpose: a normalising or clamping parameter would store something else.
-TEST (Vst2Foundation, PlainUnclampedValuesReachTheChunkAndComeBack)
+TEST (Vst2Foundation, PlainValuesRoundTripThroughTheChunk)
 {
     Instance plugin, restored;
     const std::pair<int, float> writes[] = { { 0, -0.37f }, { 2, 1.0f }, { 6, 0.3f }, { 7, 22000.0f } };

@@ -56,7 +56,7 @@ namespace
     }
 }
 
-TEST (NamedSemaphore, BinaryCountAnyThreadReleasesExtraReleaseDoesNothing)
+TEST (NamedSemaphore, CountsOnlyToOne)
 {
     auto& semaphore = NamedSemaphore::open (Names::of ("binary"));
     ASSERT_TRUE (semaphore.isValid());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The editor as a host and a user meet it: what the knobs and switches send, what the poll
-// shows, the text under each knob, and the background picture it is drawn on.
+// shows, and the text under each knob.
 
 #include "plugin/PluginEditor.h"
 #include "plugin/PluginProcessor.h"
@@ -95,7 +95,7 @@ TEST_F (EditorTest, ToggleClicksSendTheNewValueInsideAGesture)
     EXPECT_EQ (juce::String ("begin 1, end 1"), click (P::bypassIndex));
 }
 
-TEST_F (EditorTest, KnobTextsHaveFixedDecimalsHalvesAwayFromZeroAndTheirUnit)
+TEST_F (EditorTest, KnobTextsUseFixedDecimals)
 {
     const struct { int control; double value; const char* text; } examples[] =
     {
@@ -108,21 +108,4 @@ TEST_F (EditorTest, KnobTextsHaveFixedDecimalsHalvesAwayFromZeroAndTheirUnit)
 
     for (const auto& example : examples)
         EXPECT_EQ (juce::String (example.text), slider (example.control).getTextFromValue (example.value)) << example.value;
-}
-
-TEST (BackgroundPicture, IsAnRgbPngWithMetadataChunksBeforeOneImageChunk)
-{
-    juce::MemoryBlock png;
-    ASSERT_TRUE (juce::File (QUENDA_BACKGROUND_PNG).loadFileAsData (png) && png.getSize() > 33) << QUENDA_BACKGROUND_PNG;
-    const auto* bytes = static_cast<const uint8_t*> (png.getData());
-    auto be32 = [bytes] (size_t at) { return uint32_t (bytes[at]) << 24 | uint32_t (bytes[at + 1]) << 16 | uint32_t (bytes[at + 2]) << 8 | bytes[at + 3]; };
-
-    EXPECT_EQ (0, memcmp (bytes, "\x89PNG\r\n\x1a\n", 8));
-    juce::StringArray chunks;
-    for (size_t at = 8; at + 12 <= png.getSize(); at += 12 + be32 (at))
-        chunks.add (juce::String (reinterpret_cast<const char*> (bytes + at + 4), 4));
-    EXPECT_EQ (juce::String ("IHDR pHYs iCCP gAMA cHRM IDAT IEND"), chunks.joinIntoString (" "));
-
-    // 707 by 196 pixels, 8 bits per sample, RGB without alpha, not interlaced.
-    EXPECT_EQ ((std::vector<uint32_t> { 707, 196, 8, 2, 0 }), (std::vector<uint32_t> { be32 (16), be32 (20), bytes[24], bytes[25], bytes[28] }));
 }

@@ -94,7 +94,7 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
     }
 }
 
-TEST (EngineLocks, KernelComputationsWhileInstancesPlayNeitherDeadlockNorDisturbTheOutput)
+TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
 {
     const auto input = makeNoise (2, 200 * blockSize, 2);
     auto expected = input;

@@ -34,7 +34,7 @@ namespace
     }
 }
 
-TEST (Parameters, IdsInIndexOrderSwitchPointAndNonFiniteWritesIgnored)
+TEST (Parameters, FollowTheTable)
 {
     QuendaAudioProcessor processor;
     const auto& parameters = processor.getParameters();
@@ -64,7 +64,7 @@ TEST (Parameters, IdsInIndexOrderSwitchPointAndNonFiniteWritesIgnored)
     }
 }
 
-TEST (Parameters, EachWrapperGetsItsNormalisationProgramNameAndBypass)
+TEST (Parameters, EachWrapperGetsItsOwnHostView)
 {
     using P = juce::AudioProcessor;
     const struct { P::WrapperType wrapper; float lowFreqDefault; bool named; bool hostBypass; } cases[] = {
@@ -109,7 +109,7 @@ TEST (StateBlock, FloatsAreWrittenWithTwentySignificantDigits)
     }
 }
 
-TEST (StateBlock, BlocksFollowTheReadingRulesAndForeignOrDamagedOnesChangeNothing)
+TEST (StateBlock, ReadingFollowsTheRules)
 {
     using P = ParameterTable;
     QuendaAudioProcessor processor;
