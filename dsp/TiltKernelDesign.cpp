@@ -29,8 +29,8 @@ double besselI0 (double x)
 
 double kaiserWindow (int index, int length, double shape)
 {
-    // Centred on (length - 1) / 2 exactly, half a tap after the kernel's integer
-    // centre for an even length. Kept that way: the kernels are defined by it.
+    // Centred on (length - 1) / 2 exactly, half a tap after the kernel's integer centre for
+    // an even length: existing sessions must render with the kernels they were made with.
     const double halfWidth = (length - 1) * 0.5;
     const double x = (index - halfWidth) / halfWidth;
     return besselI0 (shape * std::sqrt (1.0 - x * x)) / besselI0 (shape);

@@ -24,7 +24,8 @@ namespace tilt
     /** Frequency at which both tilts pass 0 dB. */
     constexpr double pivotHz = 1300.0;
 
-    /** Kaiser shape, i.e. beta * pi of the textbook window: chosen as 3.141, not pi. */
+    /** Kaiser shape, i.e. beta * pi of the textbook window: 3.141, not pi, because existing
+        sessions must render with the kernels they were made with. */
     constexpr double kaiserShape = 3.141;
 
     /** Smallest power of two that holds the linear convolution of two kernels. */
