@@ -2,14 +2,14 @@
 #include "KernelDesigns.h"
 
 std::shared_ptr<KernelDesigns> KernelDesigns::create (std::shared_ptr<TiltKernelBank> bank, platform::NamedSemaphore& engine,
-                                                      platform::NamedSemaphore& filters, bool onRequestingThread)
+                                                      platform::NamedSemaphore& kernelDesign, bool onRequestingThread)
 {
-    return std::shared_ptr<KernelDesigns> (new KernelDesigns (std::move (bank), engine, filters, onRequestingThread));
+    return std::shared_ptr<KernelDesigns> (new KernelDesigns (std::move (bank), engine, kernelDesign, onRequestingThread));
 }
 
 KernelDesigns::KernelDesigns (std::shared_ptr<TiltKernelBank> kernelBank, platform::NamedSemaphore& engine,
-                              platform::NamedSemaphore& filters, bool onRequestingThread)
-    : bank (std::move (kernelBank)), engineLock (engine), filtersLock (filters), designOnRequestingThread (onRequestingThread)
+                              platform::NamedSemaphore& kernelDesign, bool onRequestingThread)
+    : bank (std::move (kernelBank)), engineLock (engine), kernelDesignLock (kernelDesign), designOnRequestingThread (onRequestingThread)
 {
 }
 
@@ -71,9 +71,9 @@ void KernelDesigns::designNow (double sampleRate)
 
 void KernelDesigns::designRequestedRate()
 {
-    filtersLock.wait();
-    filtersReady = true;
-    filtersLock.release();
+    kernelDesignLock.wait();
+    kernelDesignStarted = true;
+    kernelDesignLock.release();
 
     // The shared lock serialises designs across instances; the audio thread never takes it,
     // it picks the new set up at its next block. The rate is read under the lock, so that
@@ -85,5 +85,5 @@ void KernelDesigns::designRequestedRate()
 
 bool KernelDesigns::isReady() const noexcept
 {
-    return filtersReady;
+    return kernelDesignStarted;
 }

@@ -24,7 +24,7 @@ public:
         otherwise on the message thread. */
     static std::shared_ptr<KernelDesigns> create (std::shared_ptr<TiltKernelBank> bank,
                                                   platform::NamedSemaphore& engineLock,
-                                                  platform::NamedSemaphore& filtersLock,
+                                                  platform::NamedSemaphore& kernelDesignLock,
                                                   bool designOnRequestingThread);
 
     /** Cancels what is pending and lets the object go, here or on the message thread.
@@ -56,15 +56,15 @@ private:
     };
 
     KernelDesigns (std::shared_ptr<TiltKernelBank> bank, platform::NamedSemaphore& engineLock,
-                   platform::NamedSemaphore& filtersLock, bool designOnRequestingThread);
+                   platform::NamedSemaphore& kernelDesignLock, bool designOnRequestingThread);
 
     void designRequestedRate();
 
     const std::shared_ptr<TiltKernelBank> bank;
     platform::NamedSemaphore& engineLock;
-    platform::NamedSemaphore& filtersLock;
+    platform::NamedSemaphore& kernelDesignLock;
     const bool designOnRequestingThread;
-    std::atomic<bool> filtersReady { false };
+    std::atomic<bool> kernelDesignStarted { false };
     std::atomic<bool> cancelled { false };
     std::atomic<double> requestedRate { 0.0 };
     PendingRequest pending { *this };

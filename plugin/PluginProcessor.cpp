@@ -34,7 +34,7 @@ namespace
     }
 
     // WaveLab needs the kernels before the block that asked for them returns.
-    bool hostWantsSynchronousComputation()
+    bool hostWantsSynchronousDesign()
     {
         return platform::hostExecutablePath().find ("wavelab") != std::string::npos;
     }
@@ -46,8 +46,8 @@ QuendaAudioProcessor::QuendaAudioProcessor()
       // The wrapper that creates this instance is known by now and fixes the normalisation.
       parameters (*this, normalisationFor (wrapperType)),
       engineLock (platform::NamedSemaphore::open (engineLockName)),
-      filtersLock (platform::NamedSemaphore::open (filtersLockName)),
-      designs (KernelDesigns::create (tiltStage.getKernelBank(), engineLock, filtersLock, hostWantsSynchronousComputation()))
+      kernelDesignLock (platform::NamedSemaphore::open (kernelDesignLockName)),
+      designs (KernelDesigns::create (tiltStage.getKernelBank(), engineLock, kernelDesignLock, hostWantsSynchronousDesign()))
 {
     if (getLatencySamples() != baseLatency)
         setLatencySamples (baseLatency);
@@ -55,7 +55,7 @@ QuendaAudioProcessor::QuendaAudioProcessor()
     // Unpaired on purpose: at count 1 this does nothing; it frees a lock another instance
     // holds at this moment.
     engineLock.release();
-    filtersLock.release();
+    kernelDesignLock.release();
 
     // No design yet: prepareToPlay makes the kernels for the host's rate, and a block that
     // finds none asks for them. Hosts that only open and close an instance (a plug-in scan)

@@ -66,9 +66,10 @@ public:
     /** Message thread: runs a requested design now instead of from the queue. */
     void runPendingKernelDesign();
 
-    /** Names of the locks shared by all instances of the user. */
+    /** Names of the locks shared by all instances of the user. Instances of older builds
+        in the same session take them too, so the texts never change. */
     static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";
-    static constexpr const char* filtersLockName = "Local\\SelvaneComputeFilters_semaphore";
+    static constexpr const char* kernelDesignLockName = "Local\\SelvaneComputeFilters_semaphore";
 
     /** Latency added while linear phase is on: the kernel's centre. */
     static constexpr int linearPhaseLatency = TiltStage::linearPhaseDelay;
@@ -97,7 +98,7 @@ private:
     bool waitingForFirstBlock = false;   // prepared, no block processed yet
 
     platform::NamedSemaphore& engineLock;
-    platform::NamedSemaphore& filtersLock;
+    platform::NamedSemaphore& kernelDesignLock;
 
     // Shared with the designs posted to the message thread, which never see this object.
     std::shared_ptr<KernelDesigns> designs;

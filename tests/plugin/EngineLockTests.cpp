@@ -21,7 +21,7 @@ namespace
     constexpr auto generousWait = 3s;   // never reached unless something is stuck
 
     platform::NamedSemaphore& engineLock()   { return platform::NamedSemaphore::open (Processor::engineLockName); }
-    platform::NamedSemaphore& filtersLock()  { return platform::NamedSemaphore::open (Processor::filtersLockName); }
+    platform::NamedSemaphore& kernelDesignLock()  { return platform::NamedSemaphore::open (Processor::kernelDesignLockName); }
 
     bool finishes (std::future<void>& task, std::chrono::milliseconds within)  { return task.wait_for (within) == std::future_status::ready; }
 
@@ -31,7 +31,7 @@ namespace
         while (! finishes (task, 10ms))
         {
             engineLock().release();
-            filtersLock().release();
+            kernelDesignLock().release();
         }
     }
 
@@ -48,15 +48,15 @@ namespace
 // Held in this process (another process: the wavelab host tests; a killed holder: the platform tests).
 TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 {
-    enum Holder { here, hereFreedByANewInstance, filtersHereFreedByANewInstance };
+    enum Holder { here, hereFreedByANewInstance, kernelDesignHereFreedByANewInstance };
     auto processor = makeConvolvingProcessor (blockSize);
     auto buffer = makeNoise (2, blockSize, 1);
     const std::string ranEarly = "ran while the lock was held", stalled = "stalled, then resumed";
 
-    for (auto holder : { here, hereFreedByANewInstance, filtersHereFreedByANewInstance })
+    for (auto holder : { here, hereFreedByANewInstance, kernelDesignHereFreedByANewInstance })
     {
         SCOPED_TRACE ("holder " + std::to_string (holder));
-        auto& lock = holder == filtersHereFreedByANewInstance ? filtersLock() : engineLock();
+        auto& lock = holder == kernelDesignHereFreedByANewInstance ? kernelDesignLock() : engineLock();
         std::string outcome = ranEarly;
 
         // An instance starting meanwhile anywhere frees the lock on purpose: only early every time counts.
@@ -145,7 +145,7 @@ TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
 
         for (const auto end = std::chrono::steady_clock::now() + 10s; ! finishes (player, 0ms);)
         {
-            stuck = std::chrono::steady_clock::now() > end || ! isFreedWithin (engineLock(), 2000) || ! isFreedWithin (filtersLock(), 2000);
+            stuck = std::chrono::steady_clock::now() > end || ! isFreedWithin (engineLock(), 2000) || ! isFreedWithin (kernelDesignLock(), 2000);
             if (stuck)
                 break;   // the rescue below frees the locks for the player
             for (auto* instance : { steady.get(), changing.get() })
