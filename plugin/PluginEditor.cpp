@@ -46,11 +46,6 @@ QuendaAudioProcessorEditor::OtherLookAndFeel::OtherLookAndFeel()
     setColour (juce::Slider::thumbColourId, juce::Colour::fromString ("ffff8b00"));
 }
 
-void QuendaAudioProcessorEditor::Images::paint (juce::Graphics& g)
-{
-    g.fillAll (panelColour);
-}
-
 //==============================================================================
 template <typename SliderType>
 std::unique_ptr<SliderType> QuendaAudioProcessorEditor::addKnob (const juce::String& name, size_t parameterIndex,
@@ -83,7 +78,7 @@ std::unique_ptr<juce::Label> QuendaAudioProcessorEditor::addLabel (const juce::S
 }
 
 QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
-    : juce::AudioProcessorEditor (p), processor (p)
+    : juce::AudioProcessorEditor (p), parameters (p.getParameterSet())
 {
     backgroundImage = juce::ImageCache::getFromMemory (BinaryData::background_png,
                                                        BinaryData::background_pngSize);
@@ -98,11 +93,6 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     tiltSlider->setTooltip (TRANS ("Tilt\n"));
 
     makerLabel = addLabel ("dffd", TRANS ("Selvane\n"), 15.0f);
-
-    // Lies outside the window; kept editable so a host's label editing still works on it.
-    tiltDisplay = addLabel ("tilt_display", TRANS ("label text"), 15.0f);
-    tiltDisplay->setEditable (true, true, false);
-    tiltDisplay->addListener (this);
 
     // The button text is its name and stays untranslated.
     bypassButton = std::make_unique<juce::ToggleButton> ("bypass");
@@ -150,7 +140,6 @@ QuendaAudioProcessorEditor::QuendaAudioProcessorEditor (QuendaAudioProcessor& p)
     tiltSlider->setLookAndFeel (&otherLookAndFeel);
 
     controls.push_back (tiltSlider.get());
-    tiltDisplay->setText (PlainFloatParameter::toFixedDecimals (tiltSlider->getValue(), 2) + " dB/oct", juce::dontSendNotification);
     controls.push_back (bypassButton.get());
     controls.push_back (linPhaseButton.get());
 
@@ -182,7 +171,6 @@ QuendaAudioProcessorEditor::~QuendaAudioProcessorEditor()
     trimGroup.reset();
     tiltSlider.reset();
     makerLabel.reset();
-    tiltDisplay.reset();
     bypassButton.reset();
     lowGainCaption.reset();
     tiltLowCaption.reset();
@@ -216,7 +204,6 @@ void QuendaAudioProcessorEditor::resized()
     trimGroup->setBounds (576, 14, 111, 118);
     tiltSlider->setBounds (14, 19, 391, 136);
     makerLabel->setBounds (572, 167, 120, 24);
-    tiltDisplay->setBounds (843, 101, 96, 24);
     bypassButton->setBounds (8, 27, 104, 24);
     lowGainCaption->setBounds (339, 21, 30, 24);
     tiltLowCaption->setBounds (275, 107, 150, 24);
@@ -237,8 +224,6 @@ void QuendaAudioProcessorEditor::resized()
 //==============================================================================
 void QuendaAudioProcessorEditor::timerCallback()
 {
-    auto& parameters = processor.getParameterSet();
-
     for (size_t i = 0; i < controls.size() && i < (size_t) ParameterTable::numParameters; ++i)
     {
         if (auto* slider = dynamic_cast<juce::Slider*> (controls[i]))
@@ -300,11 +285,11 @@ size_t QuendaAudioProcessorEditor::indexFor (const juce::Component* control) con
 PlainFloatParameter* QuendaAudioProcessorEditor::floatParameterFor (const juce::Component* control) const
 {
     const auto index = indexFor (control);
-    return index < ParameterTable::numParameters ? processor.getParameterSet().getFloat (index) : nullptr;
+    return index < ParameterTable::numParameters ? parameters.getFloat (index) : nullptr;
 }
 
 juce::AudioParameterBool* QuendaAudioProcessorEditor::boolParameterFor (const juce::Component* control) const
 {
     const auto index = indexFor (control);
-    return index < ParameterTable::numParameters ? processor.getParameterSet().getSwitch (index) : nullptr;
+    return index < ParameterTable::numParameters ? parameters.getSwitch (index) : nullptr;
 }

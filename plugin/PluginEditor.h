@@ -8,6 +8,7 @@
 
 class QuendaAudioProcessor;
 class PlainFloatParameter;
+class Parameters;
 
 /** The plug-in window: a fixed 700 x 193 panel of knobs, switches and captions over the
     background picture. Controls follow the parameters by a 50 ms poll and write user edits
@@ -16,7 +17,6 @@ class PlainFloatParameter;
 class QuendaAudioProcessorEditor : public juce::AudioProcessorEditor,
                                    public juce::Timer,
                                    public juce::Slider::Listener,
-                                   public juce::Label::Listener,
                                    public juce::Button::Listener
 {
 public:
@@ -32,7 +32,6 @@ public:
     void sliderDragStarted (juce::Slider*) override {}
     void sliderDragEnded (juce::Slider*) override {}
     void buttonClicked (juce::Button*) override;
-    void labelTextChanged (juce::Label*) override {}
 
     /** Two-decimal value text (gains and tilt). */
     class mySlider : public juce::Slider
@@ -57,14 +56,6 @@ public:
         OtherLookAndFeel();
     };
 
-    /** A plain filled panel in the editor's background colour. */
-    class Images : public juce::Component
-    {
-    public:
-        void paint (juce::Graphics&) override;
-        void resized() override {}
-    };
-
     /** The controls in parameter order: entry i edits and shows parameter i. */
     const std::vector<juce::Component*>& getControls() const noexcept { return controls; }
 
@@ -82,7 +73,7 @@ private:
     /** The control's parameter index, numParameters for none. */
     size_t indexFor (const juce::Component*) const;
 
-    QuendaAudioProcessor& processor;
+    Parameters& parameters;
     std::vector<juce::Component*> controls;
     OtherLookAndFeel otherLookAndFeel;
     juce::Image backgroundImage;
@@ -93,7 +84,6 @@ private:
     std::unique_ptr<juce::GroupComponent> trimGroup;
     std::unique_ptr<mySlider> tiltSlider;
     std::unique_ptr<juce::Label> makerLabel;
-    std::unique_ptr<juce::Label> tiltDisplay;
     std::unique_ptr<juce::ToggleButton> bypassButton;
     std::unique_ptr<juce::Label> lowGainCaption;
     std::unique_ptr<juce::Label> tiltLowCaption;
