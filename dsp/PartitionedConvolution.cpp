@@ -6,7 +6,7 @@
 #include <cassert>
 #include <cstring>
 
-namespace tilt
+namespace convolution
 {
 
 namespace

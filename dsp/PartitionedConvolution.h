@@ -8,7 +8,8 @@
 #include <vector>
 
 /**
-    Zero-latency partitioned convolution for the tilt kernels.
+    Zero-latency partitioned convolution of a signal pair with up to four kernels (the tilt
+    stage's falling and rising kernels in both phases).
 
     A kernel is cut into levels of uniform partitions (overlap-save, FFT size twice the
     partition). The head level has the smallest partitions and is computed inside every
@@ -23,7 +24,7 @@
     for the kernels it needs with a bit mask, and only those get spectral products and
     inverse transforms.
 */
-namespace tilt
+namespace convolution
 {
     constexpr int maxKernels = 4;
 

@@ -9,13 +9,13 @@ namespace
 {
     /** Partitioned kernels shared by every instance that designed the same taps for the same
         layout; a copy lives as long as a kernel set of some instance holds it. */
-    std::shared_ptr<const tilt::PartitionedKernels> sharedPartitions (const tilt::PartitionLayout& layout,
+    std::shared_ptr<const convolution::PartitionedKernels> sharedPartitions (const convolution::PartitionLayout& layout,
                                                                       const TiltKernelTaps& taps)
     {
         struct Entry
         {
             TiltKernelTaps taps;
-            tilt::PartitionedKernels partitions;
+            convolution::PartitionedKernels partitions;
         };
 
         static std::mutex mutex;
@@ -50,7 +50,7 @@ namespace
     }
 }
 
-void TiltKernelBank::prepare (const tilt::PartitionLayout& newLayout, int newFftSize)
+void TiltKernelBank::prepare (const convolution::PartitionLayout& newLayout, int newFftSize)
 {
     const std::lock_guard<std::mutex> lock (designMutex);
 

@@ -19,7 +19,7 @@ struct TiltKernelSet
 {
     enum Kernel { linearFalling = 0, linearRising, minimumFalling, minimumRising };
 
-    std::shared_ptr<const tilt::PartitionedKernels> partitions;
+    std::shared_ptr<const convolution::PartitionedKernels> partitions;
     double sampleRate = 0.0;
     int fftSize = 0;
     uint64_t generation = 0;
@@ -35,7 +35,7 @@ class TiltKernelBank
 public:
     /** Sizes both sets for a layout and designs for an FFT size (the block size's N).
         Must not run while the audio thread processes. Drops the published set. */
-    void prepare (const tilt::PartitionLayout& layout, int fftSize);
+    void prepare (const convolution::PartitionLayout& layout, int fftSize);
 
     /** Designs the kernels for a sample rate into the set not in use and publishes it.
         Never on the audio thread; waits at most for one block that still reads that set. */
@@ -48,7 +48,7 @@ public:
 
 private:
     std::mutex designMutex;     // between message-side callers only
-    tilt::PartitionLayout layout;
+    convolution::PartitionLayout layout;
     TiltKernelDesigner designer;
     audiofft::FFTW3FFT mainFft, minimumPhaseFft;
     TiltKernelSpectra spectra;

@@ -62,9 +62,9 @@ int TiltStage::tapsFor (int maximumBlockSize) noexcept
                        tilt::kernelLength + std::max (maximumBlockSize, 1) - 1 });
 }
 
-tilt::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)
+convolution::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)
 {
-    return tilt::PartitionLayout::forBlockSize (maximumBlockSize, tapsFor (maximumBlockSize));
+    return convolution::PartitionLayout::forBlockSize (maximumBlockSize, tapsFor (maximumBlockSize));
 }
 
 void TiltStage::prepare (int maximumBlockSize)
@@ -166,7 +166,7 @@ void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, 
     const auto used = std::min (numChannelsInBlock, numChannels);
 
     // Both channels go through the convolver together; a single channel stands in for both.
-    tilt::PartitionedConvolver::Outputs outputs {};
+    convolution::PartitionedConvolver::Outputs outputs {};
 
     for (size_t c = 0; c < numChannels; ++c)
     {

@@ -40,7 +40,7 @@ public:
     static int tapsFor (int maximumBlockSize) noexcept;
 
     /** Partitions for blocks of up to maximumBlockSize, holding tapsFor() taps. */
-    static tilt::PartitionLayout layoutFor (int maximumBlockSize);
+    static convolution::PartitionLayout layoutFor (int maximumBlockSize);
 
     /** Sizes the buffers and the kernel bank; drops the designed kernels. Must not run while
         a block is processed. */
@@ -58,7 +58,7 @@ public:
     /** Silence as the past, and the next block starts from this setting without a glide. */
     void reset (const Settings& settings) noexcept;
 
-    const tilt::PartitionLayout& getLayout() const noexcept  { return layout; }
+    const convolution::PartitionLayout& getLayout() const noexcept  { return layout; }
 
     /** Processes n samples in place, gliding to settings.tilt. Blocks longer than the
         prepared size are worked through in pieces. Returns false, leaving the samples as
@@ -74,8 +74,8 @@ private:
     bool keepsChannelsAlike (const float* left, const float* right, int n) noexcept;
 
     std::shared_ptr<TiltKernelBank> kernelBank = std::make_shared<TiltKernelBank>();
-    tilt::PartitionLayout layout;
-    tilt::PartitionedConvolver convolver;
+    convolution::PartitionLayout layout;
+    convolution::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece
     std::array<std::vector<float>, numChannels> dryLines;           // rings of past input
     std::vector<float> delayedDry;                                  // one piece of a ring, in order

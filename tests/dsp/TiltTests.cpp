@@ -116,7 +116,7 @@ TEST (PartitionedConvolution, LayoutsStartEachLevelLateEnoughForItsSpreadWork)
     {
         for (int taps : { 6500, 8192, 16384 })
         {
-            const auto layout = tilt::PartitionLayout::forBlockSize (block, taps);
+            const auto layout = convolution::PartitionLayout::forBlockSize (block, taps);
             EXPECT_GE (layout.capacity(), taps);
             EXPECT_LE (layout.headSize(), std::max (32, block));
             EXPECT_EQ (layout.levels.front().firstTap, 0);
@@ -235,7 +235,7 @@ TEST (TiltStage, MatchesTheOracleOverLongStreams)
 // Instances at one rate and block size keep one copy; a design for another rate never reuses it.
 TEST (TiltKernelBank, InstancesAtOneRateShareOneCopyOfTheKernels)
 {
-    const tilt::PartitionedKernels* copies[3] = {};
+    const convolution::PartitionedKernels* copies[3] = {};
     TiltKernelBank banks[3];
     for (size_t i = 0; i < 3; ++i)
     {
