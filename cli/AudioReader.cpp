@@ -8,7 +8,7 @@
 #include <cstring>
 #include <sys/stat.h>
 
-namespace quenda::cli
+namespace cli
 {
 /** Notes whether any read came back short. JUCE's WAV and AIFF readers fill a missing
     tail with silence, so a truncated file would otherwise render without complaint. */

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace quenda::cli
+namespace cli
 {
     class ShortReadWatch;
 

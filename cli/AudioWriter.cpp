@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <sys/resource.h>
 
-namespace quenda::cli
+namespace cli
 {
 /** A write the system cut short sets no error code; the size limit is the usual cause. */
 static juce::String explainShortWrite (juce::int64 sizeWanted)

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-namespace quenda::cli
+namespace cli
 {
     struct WriteOutcome;
 

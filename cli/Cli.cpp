@@ -11,7 +11,7 @@
 
 #include <cmath>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

@@ -4,7 +4,7 @@
 #include <juce_core/juce_core.h>
 #include <ostream>
 
-namespace quenda::cli
+namespace cli
 {
     /** The whole program after JUCE is initialised: parses, renders, reports. Results go
         to out (lists, demo tables), messages and errors to err. Returns the exit status. */

@@ -4,7 +4,7 @@
 #include <juce_core/juce_core.h>
 #include <stdexcept>
 
-namespace quenda::cli
+namespace cli
 {
     /** Exit statuses, one per kind of failure so that scripts can tell them apart. */
     enum class ExitCode : int

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

@@ -4,7 +4,7 @@
 #include <juce_audio_basics/juce_audio_basics.h>
 #include <vector>
 
-namespace quenda::cli
+namespace cli
 {
     /** Eight bars of generated program material at 120 bpm: kick, snare, hats, bass, chords
         and a lead, in stereo and peaking at -3 dBFS. The same every time. */

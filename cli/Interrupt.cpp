@@ -7,7 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
-namespace quenda::cli::interrupt
+namespace cli::interrupt
 {
 namespace
 {

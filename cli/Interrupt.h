@@ -10,7 +10,7 @@
     shell's 128 + signal number: 130, 143, 129). SIGXFSZ is ignored, so that a file size
     limit becomes a write error.
 */
-namespace quenda::cli::interrupt
+namespace cli::interrupt
 {
     void installHandlers();
 

@@ -14,17 +14,17 @@ int main (int argc, char* argv[])
 {
     // The processor posts its kernel design to the message thread; this makes main it.
     juce::ScopedJuceInitialiser_GUI juceInitialiser;
-    quenda::cli::interrupt::installHandlers();
+    cli::interrupt::installHandlers();
 
     // JUCE's string functions assume well-formed UTF-8 and run past the end of anything else.
     for (int i = 1; i < argc; ++i)
     {
-        if (! quenda::cli::isWellFormedUtf8 (argv[i], std::strlen (argv[i])))
+        if (! cli::isWellFormedUtf8 (argv[i], std::strlen (argv[i])))
         {
             std::cerr << "quenda-render: argument " << i << " is not valid UTF-8; rename the file or use a UTF-8 locale\n";
-            return (int) quenda::cli::ExitCode::badUsage;
+            return (int) cli::ExitCode::badUsage;
         }
     }
 
-    return quenda::cli::runCommandLine (juce::StringArray (argv + 1, argc - 1), std::cout, std::cerr);
+    return cli::runCommandLine (juce::StringArray (argv + 1, argc - 1), std::cout, std::cerr);
 }

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

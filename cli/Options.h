@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace quenda::cli
+namespace cli
 {
     /** What the command line knows about one of the processor's parameters. */
     struct ParameterInfo

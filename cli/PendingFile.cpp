@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

@@ -3,7 +3,7 @@
 
 #include <juce_core/juce_core.h>
 
-namespace quenda::cli
+namespace cli
 {
     /** A file written under a temporary name in the target's folder and renamed into place
         by commit(); if commit() is never reached, or the process is interrupted, the

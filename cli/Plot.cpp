@@ -7,7 +7,7 @@
 #include <cmath>
 #include <complex>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

@@ -6,7 +6,7 @@
 #include <juce_graphics/juce_graphics.h>
 #include <vector>
 
-namespace quenda::cli
+namespace cli
 {
     struct ResponseCurve
     {

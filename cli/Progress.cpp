@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-namespace quenda::cli
+namespace cli
 {
 namespace
 {

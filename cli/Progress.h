@@ -4,7 +4,7 @@
 #include <juce_core/juce_core.h>
 #include <ostream>
 
-namespace quenda::cli
+namespace cli
 {
     /** A one-line progress bar: percentage, speed as a multiple of real time and the time
         left. Draws nothing when disabled (quiet, short file, or not a terminal). */

@@ -2,7 +2,7 @@
 #include "Render.h"
 #include "CliError.h"
 
-namespace quenda::cli
+namespace cli
 {
 juce::MemoryBlock readPreset (const juce::File& file)
 {

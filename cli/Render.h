@@ -6,7 +6,7 @@
 
 #include <functional>
 
-namespace quenda::cli
+namespace cli
 {
     /** Loads the preset, then the parameter values, into the processor. Throws CliError. */
     void applySettings (QuendaAudioProcessor& processor, const Options& options);

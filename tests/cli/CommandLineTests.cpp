@@ -12,7 +12,7 @@
 
 #include <cstring>
 
-namespace quenda::cli::test
+namespace cli::test
 {
 TEST (Options, EveryParameterIsReachable)
 {

@@ -6,7 +6,7 @@
 #include "AudioReader.h"
 #include "AudioWriter.h"
 
-namespace quenda::cli::test
+namespace cli::test
 {
 TEST (Render, OutputLinesUpWithTheInput)
 {

@@ -11,7 +11,7 @@
 
 #include <sstream>
 
-namespace quenda::cli::test
+namespace cli::test
 {
     /** A fresh folder, removed with everything in it; temp ("x") is the full path of x in it. */
     struct TempFolder
@@ -40,8 +40,8 @@ namespace quenda::cli::test
     /** Noise at a quarter of full scale, or, given a position, an impulse of 0.5 there. */
     inline juce::AudioBuffer<float> noise (int channels, int length, int impulseAt = -1)
     {
-        return impulseAt >= 0 ? quenda_test::makeImpulse (channels, length, impulseAt)
-                              : quenda_test::makeNoise (channels, length, 7, 0.25f);
+        return impulseAt >= 0 ? support::makeImpulse (channels, length, impulseAt)
+                              : support::makeNoise (channels, length, 7, 0.25f);
     }
 
     inline void writeAudio (const juce::File& file, const juce::AudioBuffer<float>& audio, double sampleRate = 48000.0, int bits = 32)

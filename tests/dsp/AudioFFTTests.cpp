@@ -13,7 +13,7 @@ using Cf = std::complex<float>;
 
 namespace
 {
-    std::vector<float> signal (size_t n)  { return quenda_test::noise (n, (unsigned) n); }
+    std::vector<float> signal (size_t n)  { return support::noise (n, (unsigned) n); }
 
     // Bins further from an unscaled, sign -1 DFT in double than a few float ulps of the spectrum.
     int binsOffTheDft (const std::vector<Cf>& bins, const std::vector<float>& x)

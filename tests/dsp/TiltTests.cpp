@@ -155,7 +155,7 @@ TEST (TiltStage, MatchesTheOracleOverLongStreams)
         {
             oracles[ch].prepare (c.largest);
             oracles[ch].design (48000.0);
-            inputs[ch] = quenda_test::noise ((size_t) (60000 + 48 * c.largest), c.seed + 100 * ch);
+            inputs[ch] = support::noise ((size_t) (60000 + 48 * c.largest), c.seed + 100 * ch);
         }
         if (c.alikeFrom > 0)
             std::copy (inputs[0].begin() + (long) c.alikeFrom, inputs[0].end(), inputs[1].begin() + (long) c.alikeFrom);

@@ -257,7 +257,7 @@ TEST_P (FormatHost, BehavesAsTheVst2Build)
     EXPECT_EQ (3249, plugin->getLatencySamples());
 
     // Then the same noise through both, well past the tilt's linear-phase latency.
-    const auto input = quenda_test::makeNoise (2, 40 * blockSize, 3);
+    const auto input = support::makeNoise (2, 40 * blockSize, 3);
     auto output = input;
     left.assign (input.getReadPointer (0), input.getReadPointer (0) + input.getNumSamples());
     right.assign (input.getReadPointer (1), input.getReadPointer (1) + input.getNumSamples());
@@ -272,8 +272,8 @@ TEST_P (FormatHost, BehavesAsTheVst2Build)
 
     float* const vst2Channels[] = { left.data(), right.data() };
     const juce::AudioBuffer<float> vst2Output (vst2Channels, 2, input.getNumSamples());
-    EXPECT_EQ (0.0f, quenda_test::maxDifference (vst2Output, output));
-    EXPECT_GT (quenda_test::maxDifference (input, output), 0.01f) << "the audio was not processed";
+    EXPECT_EQ (0.0f, support::maxDifference (vst2Output, output));
+    EXPECT_GT (support::maxDifference (input, output), 0.01f) << "the audio was not processed";
 
     auto* linearPhase = parameterFor (GetParam(), *plugin, ParameterTable::linPhaseIndex);
     ASSERT_NE (nullptr, linearPhase);

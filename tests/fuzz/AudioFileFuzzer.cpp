@@ -40,14 +40,14 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
 
     try
     {
-        quenda::cli::InputAudio input (file);
+        cli::InputAudio input (file);
         juce::AudioBuffer<float> block (input.numChannels(), 4096);
         const auto end = std::min (input.length(), maxSamplesToRead);
 
         for (juce::int64 position = 0; position < end; position += block.getNumSamples())
             input.read (block, position, (int) std::min ((juce::int64) block.getNumSamples(), end - position));
     }
-    catch (const quenda::cli::CliError&)
+    catch (const cli::CliError&)
     {
     }
 

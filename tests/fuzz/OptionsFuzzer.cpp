@@ -15,10 +15,10 @@
 
 namespace
 {
-    const std::vector<quenda::cli::ParameterInfo>& parameters()
+    const std::vector<cli::ParameterInfo>& parameters()
     {
         static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        static const auto described = quenda::cli::describeParameters();
+        static const auto described = cli::describeParameters();
         return described;
     }
 
@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
     const auto* bytes = reinterpret_cast<const char*> (data);
 
     // main() refuses arguments that are not UTF-8 before they reach the parser.
-    if (std::memchr (bytes, 0, size) != nullptr || ! quenda::cli::isWellFormedUtf8 (bytes, size))
+    if (std::memchr (bytes, 0, size) != nullptr || ! cli::isWellFormedUtf8 (bytes, size))
         return 0;
 
     const auto text = juce::String::fromUTF8 (bytes, (int) size);
@@ -45,12 +45,12 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
     args.addTokens (text, "\n", {});
 
     for (const auto& arg : args)
-        if (const auto number = quenda::cli::parseNumber (arg))
+        if (const auto number = cli::parseNumber (arg))
             check (std::isfinite (*number));
 
     try
     {
-        const auto options = quenda::cli::parseOptions (args, known);
+        const auto options = cli::parseOptions (args, known);
 
         check (options.blockSize >= 1 && options.blockSize <= 65536);
         check (options.bitDepth == 0 || options.bitDepth == 16 || options.bitDepth == 24 || options.bitDepth == 32);
@@ -68,9 +68,9 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
                 check (value >= parameter->minimum && value <= parameter->maximum);
         }
     }
-    catch (const quenda::cli::CliError& error)
+    catch (const cli::CliError& error)
     {
-        check (error.code == quenda::cli::ExitCode::badUsage);
+        check (error.code == cli::ExitCode::badUsage);
     }
 
     return 0;

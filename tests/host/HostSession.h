@@ -214,7 +214,7 @@ namespace
         {
             Block input;
             for (unsigned c = 0; c < 2; ++c)
-                input.push_back (quenda_test::noise ((size_t) n, 2 * (unsigned) blockCount + c, 0.5f));
+                input.push_back (support::noise ((size_t) n, 2 * (unsigned) blockCount + c, 0.5f));
 
             apply();
             const auto expected = model.process (input, settings);

@@ -12,7 +12,7 @@
 #include <future>
 #include <thread>
 
-using namespace quenda_test;
+using namespace support;
 using namespace std::chrono_literals;
 
 namespace

@@ -10,7 +10,7 @@
 #include <cmath>
 #include <limits>
 
-using namespace quenda_test;
+using namespace support;
 
 namespace
 {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-using namespace quenda_test;
+using namespace support;
 
 namespace
 {

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace quenda_test
+namespace support
 {
     using Processor = QuendaAudioProcessor;
 

@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-namespace quenda_test
+namespace support
 {
     /** Uniform noise in -amplitude ... amplitude, the same for the same seed. */
     inline std::vector<float> noise (size_t numSamples, unsigned seed, float amplitude = 1.0f)
@@ -25,7 +25,7 @@ namespace quenda_test
 #if __has_include (<juce_audio_basics/juce_audio_basics.h>)
 #include <juce_audio_basics/juce_audio_basics.h>
 
-namespace quenda_test
+namespace support
 {
     /** Noise as above, a different stream per channel. */
     inline juce::AudioBuffer<float> makeNoise (int numChannels, int numSamples, unsigned seed = 7, float amplitude = 0.5f)
