@@ -1,31 +1,87 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: a plain Release build with warnings as errors (with
-# pluginval on every plug-in format, skipped where the shared tools are absent, and the
-# renderer's fault cases), the same tests built by clang under AddressSanitizer and
-# UndefinedBehaviorSanitizer together with short fuzz runs, the concurrency test under
-# ThreadSanitizer, then the Windows build and its host-level tests under Wine.
+# Sets up, builds and runs every test, stage by stage; each stage prints its time, and a
+# summary follows the last one.
+#
+#   bash scripts/test.sh [STAGE...]     # default: all stages, in this order
+#
+# Stages:
+#   format      scripts/format.sh --check
+#   unit        a Release build with warnings as errors; the unit, renderer (cli), VST2 host
+#               and concurrency tests (ctest -LE "formats|pluginval")
+#   sanitizers  the same tests built by clang, warnings as errors, under AddressSanitizer and
+#               UndefinedBehaviorSanitizer, together with short fuzz runs
+#   tsan        the concurrency test under ThreadSanitizer
+#   formats     the VST3 and LV2 builds through JUCE's hosting code, the LV2 TTL, and pluginval
+#               on every format (skipped where the shared tools are absent)
+#   windows     Quenda.dll cross-built with MinGW-w64, its host-level tests under Wine
+#
+# The fast loop while working: bash scripts/build.sh build -- quenda_dsp_tests quenda_plugin_tests
+# quenda_realtime_tests quenda_platform_tests, then ctest --test-dir build -L unit.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/setup.sh
+all_stages=(format unit sanitizers tsan formats windows)
+stages=("$@")
+[ ${#stages[@]} -gt 0 ] || stages=("${all_stages[@]}")
 
-bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON
-ctest --test-dir build --output-on-failure --timeout 600
+for stage in "${stages[@]}"; do
+    if [[ ! " ${all_stages[*]} " =~ " $stage " ]]; then
+        echo "test: unknown stage '$stage' (stages: ${all_stages[*]})" >&2
+        exit 2
+    fi
+done
+
+bash scripts/setup.sh
 
 # clang, so that the same build also makes the libFuzzer targets (scripts/fuzz.sh runs them long).
 # lld links the instrumented plug-ins in a second where GNU ld takes over ten minutes. A
 # plug-in gets the sanitizer runtime from the program that loads it, so its sanitizer symbols
 # stay undefined: "-z undefs", last on the line, overrides JUCE's --no-undefined.
-bash scripts/build.sh build-sanitize -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=lld \
-    -DCMAKE_MODULE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_CXX_STANDARD_LIBRARIES=-Wl,-z,undefs \
+sanitizer_build=(build-sanitize -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+    -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=lld
+    -DCMAKE_MODULE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_CXX_STANDARD_LIBRARIES=-Wl,-z,undefs
     -DQUENDA_SANITIZE=ON -DQUENDA_FUZZ=ON -DQUENDA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    ctest --test-dir build-sanitize --output-on-failure --timeout 900
+    -DQUENDA_WARNINGS_AS_ERRORS=ON)
 
-# Release, like the first build: JUCE's objects are shared through the compiler cache.
-bash scripts/build.sh build-tsan -DQUENDA_TSAN=ON -DQUENDA_BUILD_BENCH=OFF -- quenda_concurrency_tests
-QUENDA_STRESS_SECONDS=20 ctest --test-dir build-tsan --output-on-failure --timeout 600
+# Each step of a stage joined by &&: the function runs where set -e does not apply.
+run_stage()
+{
+    case "$1" in
+        format)
+            bash scripts/format.sh --check ;;
+        unit)
+            bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON \
+                && ctest --test-dir build --output-on-failure --timeout 600 -LE "formats|pluginval" ;;
+        sanitizers)
+            bash scripts/build.sh "${sanitizer_build[@]}" \
+                && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+                ctest --test-dir build-sanitize --output-on-failure --timeout 900 ;;
+        tsan)
+            # Release, like the unit build: JUCE's objects are shared through the compiler cache.
+            bash scripts/build.sh build-tsan -DQUENDA_TSAN=ON -DQUENDA_BUILD_BENCH=OFF -- quenda_concurrency_tests \
+                && QUENDA_STRESS_SECONDS=20 ctest --test-dir build-tsan --output-on-failure --timeout 600 ;;
+        formats)
+            bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON \
+                && ctest --test-dir build --output-on-failure --timeout 600 -L "formats|pluginval" ;;
+        windows)
+            bash scripts/test-windows.sh build-windows ;;
+    esac
+}
 
-# Quenda.dll for Windows, cross-built with MinGW-w64, and its host-level tests under Wine.
-bash scripts/test-windows.sh build-windows
+summary=()
+for stage in "${stages[@]}"; do
+    echo "=== stage $stage"
+    started=$(date +%s)
+    status=0
+    run_stage "$stage" || status=$?
+    seconds=$(( $(date +%s) - started ))
+    result=$([ $status -eq 0 ] && echo passed || echo "FAILED ($status)")
+    echo "=== stage $stage: $result in ${seconds} s"
+    summary+=("$(printf '%-11s %-12s %5d s' "$stage" "$result" "$seconds")")
+    if [ $status -ne 0 ]; then
+        printf '%s\n' "${summary[@]}"
+        exit $status
+    fi
+done
+
+printf '%s\n' "${summary[@]}"
