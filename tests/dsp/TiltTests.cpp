@@ -162,6 +162,13 @@ TEST (TiltStage, MatchesTheOracleOverLongStreams)
         TiltStage stage;
         stage.prepare (c.declared);
         ASSERT_EQ (TiltStage::fftSizeFor (c.declared), oracles[0].getFftSize());
+
+        // Without kernels a block is left as it came.
+        std::vector<float> untouched (8, 0.25f);
+        float* lone[] = { untouched.data() };
+        EXPECT_FALSE (stage.process (lone, 1, 8, { 0.5, false }));
+        EXPECT_EQ (std::vector<float> (8, 0.25f), untouched);
+
         stage.designKernels (48000.0);
 
         std::mt19937 random (c.seed);
