@@ -68,7 +68,10 @@ run_stage()
     esac
 }
 
+# Every stage runs even after one fails, so that one run shows everything; the exit status
+# is the first failure's.
 summary=()
+first_failure=0
 for stage in "${stages[@]}"; do
     echo "=== stage $stage"
     started=$(date +%s)
@@ -78,10 +81,8 @@ for stage in "${stages[@]}"; do
     result=$([ $status -eq 0 ] && echo passed || echo "FAILED ($status)")
     echo "=== stage $stage: $result in ${seconds} s"
     summary+=("$(printf '%-11s %-12s %5d s' "$stage" "$result" "$seconds")")
-    if [ $status -ne 0 ]; then
-        printf '%s\n' "${summary[@]}"
-        exit $status
-    fi
+    [ $status -eq 0 ] || [ $first_failure -ne 0 ] || first_failure=$status
 done
 
 printf '%s\n' "${summary[@]}"
+exit $first_failure
