@@ -24,6 +24,9 @@ namespace
         [[maybe_unused]] const auto written = ::write (STDERR_FILENO, text, std::strlen (text));
     }
 
+    // C linkage for sigaction; declared first, as clang asks of every external function.
+    extern "C" void removeTrackedFilesAndRaise (int signalNumber);
+
     extern "C" void removeTrackedFilesAndRaise (int signalNumber)
     {
         for (int i = 0; i < maxTracked; ++i)

@@ -1,5 +1,6 @@
 # JUCE's recommended warnings on every target of ours; -Werror on our own sources when
-# QUENDA_WARNINGS_AS_ERRORS is on (scripts/test.sh turns it on).
+# QUENDA_WARNINGS_AS_ERRORS is on. scripts/test.sh turns it on in the gcc and the clang builds
+# alike: the two compilers warn about different things.
 function (quenda_enable_warnings target)
     target_link_libraries (${target} PRIVATE juce::juce_recommended_warning_flags)
     if (NOT QUENDA_WARNINGS_AS_ERRORS)

@@ -56,8 +56,11 @@ private:
     bool tryTake() noexcept;
     void takeOverFromDeadHolder() noexcept;
 
-    void* handle = nullptr;     // Windows HANDLE
-    Shared* shared = nullptr;   // POSIX shared mapping
+#if defined (_WIN32)
+    void* handle = nullptr;     // HANDLE
+#else
+    Shared* shared = nullptr;   // the shared mapping
+#endif
 };
 
 }

@@ -21,7 +21,7 @@ targets=("$@")
 build=build-sanitize
 bash scripts/build.sh "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DQUENDA_SANITIZE=ON -DQUENDA_FUZZ=ON -DQUENDA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -- "${targets[@]}"
+    -DQUENDA_WARNINGS_AS_ERRORS=ON -- "${targets[@]}"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}

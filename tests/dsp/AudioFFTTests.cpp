@@ -19,7 +19,7 @@ namespace
     int binsOffTheDft (const std::vector<Cf>& bins, const std::vector<float>& x)
     {
         const size_t n = x.size();
-        const double pi = std::acos (-1.0), tolerance = 4e-6 * std::sqrt ((double) n) * std::log2 (n + 1.0);
+        const double pi = std::acos (-1.0), tolerance = 4e-6 * std::sqrt ((double) n) * std::log2 ((double) n + 1.0);
         int off = 0;
         for (size_t k = 0; k < bins.size(); ++k)
         {
