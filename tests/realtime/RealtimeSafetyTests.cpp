@@ -35,6 +35,14 @@ namespace
     }
 }
 
+// <new> declares the sized forms only where sized deallocation is on (gcc's default, not clang's).
+#if ! defined (__cpp_sized_deallocation)
+void operator delete (void*, std::size_t) noexcept;
+void operator delete[] (void*, std::size_t) noexcept;
+void operator delete (void*, std::size_t, std::align_val_t) noexcept;
+void operator delete[] (void*, std::size_t, std::align_val_t) noexcept;
+#endif
+
 void* operator new (std::size_t n)                                                     { return counted (n, alignof (std::max_align_t), false); }
 void* operator new[] (std::size_t n)                                                   { return counted (n, alignof (std::max_align_t), false); }
 void* operator new (std::size_t n, const std::nothrow_t&) noexcept                     { return counted (n, alignof (std::max_align_t), true); }
