@@ -11,7 +11,8 @@
 #   sanitizers  the same tests built by clang, warnings as errors, under AddressSanitizer and
 #               UndefinedBehaviorSanitizer, together with short fuzz runs
 #   tsan        the concurrency test under ThreadSanitizer
-#   formats     the VST3 and LV2 builds through JUCE's hosting code, the LV2 TTL, and pluginval
+#   formats     the VST3 and LV2 builds through JUCE's hosting code and the LV2 one through its C
+#               interface, the LV2 TTL, Ardour (skipped where absent), and pluginval
 #               on every format (skipped where the shared tools are absent)
 #   windows     Quenda.dll cross-built with MinGW-w64, its host-level tests under Wine
 #
