@@ -34,14 +34,48 @@ install (CODE "
     " COMPONENT plugins)
 
 install (TARGETS Quenda_VST LIBRARY DESTINATION "${vstDir}" COMPONENT plugins)
-install (DIRECTORY "${quendaVst3Bundle}" DESTINATION "${vst3Dir}" USE_SOURCE_PERMISSIONS COMPONENT plugins)
-install (DIRECTORY "$<TARGET_FILE_DIR:Quenda_LV2>" DESTINATION "${lv2Dir}" USE_SOURCE_PERMISSIONS COMPONENT plugins)
+# The bundles' libraries are loaded, never run: no executable bit.
+install (DIRECTORY "${quendaVst3Bundle}" DESTINATION "${vst3Dir}" FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ COMPONENT plugins)
+install (DIRECTORY "$<TARGET_FILE_DIR:Quenda_LV2>" DESTINATION "${lv2Dir}" FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ COMPONENT plugins)
 
 install (PROGRAMS "$<TARGET_FILE:Quenda_Standalone>" DESTINATION "${CMAKE_INSTALL_BINDIR}" RENAME quenda COMPONENT programs)
 install (TARGETS quenda-render RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT programs)
 
+# `cmake --install --strip` (and the package) strip the bundles too, which install(DIRECTORY)
+# leaves alone.
+install (CODE "
+    if (CMAKE_INSTALL_DO_STRIP)
+        foreach (library \"${vst3Dir}/Quenda.vst3/Contents/x86_64-linux/Quenda.so\" \"${lv2Dir}/Quenda.lv2/$<TARGET_FILE_NAME:Quenda_LV2>\" \"${CMAKE_INSTALL_BINDIR}/quenda\")
+            if (NOT IS_ABSOLUTE \"\${library}\")
+                set (library \"\${CMAKE_INSTALL_PREFIX}/\${library}\")
+            endif()
+            execute_process (COMMAND \"${CMAKE_STRIP}\" --strip-unneeded \"\$ENV{DESTDIR}\${library}\")
+        endforeach()
+    endif()
+    " COMPONENT plugins)
+
+# Manual pages and the changelog (CHANGELOG.md in Debian's format) go compressed, as Debian wants them; -n keeps the bytes
+# independent of the build time.
 set (linuxFiles "${CMAKE_SOURCE_DIR}/packaging/linux")
+set (compressedDocs)
+foreach (page quenda-render.1 quenda.1)
+    configure_file ("${linuxFiles}/${page}.in" "${CMAKE_BINARY_DIR}/${page}" @ONLY)
+    list (APPEND compressedDocs "${page}")
+endforeach()
+add_custom_command (OUTPUT "${CMAKE_BINARY_DIR}/changelog"
+    COMMAND bash "${CMAKE_SOURCE_DIR}/packaging/debian/changelog.sh" "${CMAKE_SOURCE_DIR}/CHANGELOG.md" "${CMAKE_BINARY_DIR}/changelog"
+    DEPENDS "${CMAKE_SOURCE_DIR}/CHANGELOG.md" "${CMAKE_SOURCE_DIR}/packaging/debian/changelog.sh")
+list (APPEND compressedDocs changelog)
+foreach (doc IN LISTS compressedDocs)
+    add_custom_command (OUTPUT "${CMAKE_BINARY_DIR}/${doc}.gz"
+        COMMAND gzip -9nf -k "${CMAKE_BINARY_DIR}/${doc}"
+        DEPENDS "${CMAKE_BINARY_DIR}/${doc}")
+    list (APPEND compressedOutputs "${CMAKE_BINARY_DIR}/${doc}.gz")
+endforeach()
+add_custom_target (quenda_compressed_docs ALL DEPENDS ${compressedOutputs})
+
 install (FILES "${linuxFiles}/quenda.desktop" DESTINATION "${CMAKE_INSTALL_DATADIR}/applications" COMPONENT programs)
 install (FILES "${linuxFiles}/quenda.svg" DESTINATION "${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps" COMPONENT programs)
-configure_file ("${linuxFiles}/quenda-render.1.in" "${CMAKE_BINARY_DIR}/quenda-render.1" @ONLY)
-install (FILES "${CMAKE_BINARY_DIR}/quenda-render.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT programs)
+install (FILES "${CMAKE_BINARY_DIR}/quenda-render.1.gz" "${CMAKE_BINARY_DIR}/quenda.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT programs)
+install (FILES "${CMAKE_SOURCE_DIR}/packaging/debian/copyright" "${CMAKE_BINARY_DIR}/changelog.gz"
+         DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/quenda" COMPONENT programs)

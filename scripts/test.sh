@@ -3,7 +3,8 @@
 # pluginval on every plug-in format, skipped where the shared tools are absent, and the
 # renderer's fault cases), the same tests built by clang under AddressSanitizer and
 # UndefinedBehaviorSanitizer together with short fuzz runs, the concurrency test under
-# ThreadSanitizer, then the Windows build and its host-level tests under Wine.
+# ThreadSanitizer, then the Windows build and its host-level tests under Wine; the Debian
+# package, proven by installing it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,6 +12,13 @@ bash scripts/setup.sh
 
 bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON
 ctest --test-dir build --output-on-failure --timeout 600
+
+# ---- Debian package (issue 21): quenda_<version>_amd64.deb from the build just tested, lintian,
+# then installed, run, validated and removed in a clean bookworm root (scripts/deb.sh).
+deb_started=$(date +%s)
+bash scripts/deb.sh build
+echo "test: Debian package stage took $(( $(date +%s) - deb_started )) s"
+# ---- end of the Debian package stage
 
 # clang, so that the same build also makes the libFuzzer targets (scripts/fuzz.sh runs them long).
 # lld links the instrumented plug-ins in a second where GNU ld takes over ten minutes. A

@@ -18,7 +18,8 @@ status=0
 for file in bin/quenda bin/quenda-render lib/vst/Quenda.so \
             lib/vst3/Quenda.vst3/Contents/x86_64-linux/Quenda.so lib/lv2/Quenda.lv2/manifest.ttl \
             lib/lv2/Quenda.lv2/dsp.ttl share/applications/quenda.desktop \
-            share/icons/hicolor/scalable/apps/quenda.svg share/man/man1/quenda-render.1; do
+            share/icons/hicolor/scalable/apps/quenda.svg share/man/man1/quenda-render.1.gz \
+            share/man/man1/quenda.1.gz share/doc/quenda/copyright share/doc/quenda/changelog.gz; do
     [ -f "$root/$file" ] || { echo "install: missing $prefix/$file"; status=1; }
 done
 for program in bin/quenda bin/quenda-render; do
