@@ -82,8 +82,10 @@ if [ -f "$builder" ]; then
     # The builder starts over when its binary is missing: let a build already running finish.
     while pgrep -f "pluginval/build.sh" > /dev/null; do sleep 10; done
     pluginval=$(bash "$builder") || fail "could not build pluginval"
-    packages=$(ldd "$pluginval" | awk '/=> \// { print $3 }' | xargs -r realpath | xargs -r dpkg -S 2> /dev/null \
-               | cut -d: -f1 | sort -u | tr '\n' ' ')
+    packages=$(ldd "$pluginval" | awk '/=> \// { print $3 }' | while read -r library; do
+                   # Debian's usr-merge: dpkg may know the library by either path.
+                   dpkg -S "$library" 2> /dev/null || dpkg -S "$(realpath "$library")" 2> /dev/null || true
+               done | cut -d: -f1 | sort -u | tr '\n' ' ')
     in_root apt-get install -y --no-install-recommends xvfb xauth $packages > "$build/apt-tools.log" 2>&1 \
         || { tail -n 30 "$build/apt-tools.log"; fail "installing pluginval's libraries"; }
     mkdir -p "$root/opt/pluginval"
