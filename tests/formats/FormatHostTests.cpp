@@ -63,13 +63,18 @@ namespace
     }
    #endif
 
-    juce::String vst3Bundle()
+    juce::String vst3Identifier()
     {
-        if (const auto* installed = std::getenv ("QUENDA_VST3_BUNDLE"))
-            return installed;
-
         // The library's folder is <bundle>/Contents/<arch>-<system>.
-        return juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory().getFullPathName();
+        const auto* installed = std::getenv ("QUENDA_VST3_BUNDLE");
+        const auto bundle = installed != nullptr ? juce::File (installed)
+                                                 : juce::File (QUENDA_VST3_LIBRARY_FOLDER).getParentDirectory().getParentDirectory();
+       #if defined (_WIN32)
+        // JUCE 7.0.5's host opens a Windows VST3 by its module file, not by the bundle.
+        return bundle.getChildFile ("Contents").getChildFile ("x86_64-win").getChildFile (bundle.getFileName()).getFullPathName();
+       #else
+        return bundle.getFullPathName();
+       #endif
     }
 
     std::unique_ptr<juce::AudioPluginInstance> load (Format format)
@@ -80,7 +85,7 @@ namespace
        #else
         auto& host = vst3;
        #endif
-        const auto identifier = format == Format::lv2 ? juce::String (QUENDA_LV2_URI) : vst3Bundle();
+        const auto identifier = format == Format::lv2 ? juce::String (QUENDA_LV2_URI) : vst3Identifier();
         juce::OwnedArray<juce::PluginDescription> found;
         host.findAllTypesForFile (found, identifier);
 
