@@ -4,7 +4,7 @@
 # renderer's fault cases), the same tests built by clang under AddressSanitizer and
 # UndefinedBehaviorSanitizer together with short fuzz runs, the concurrency test under
 # ThreadSanitizer, then the Windows build and its host-level tests under Wine; the Debian
-# package, proven by installing it.
+# package and the Windows installer, each proven by installing it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,5 +35,14 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 bash scripts/build.sh build-tsan -DQUENDA_TSAN=ON -DQUENDA_BUILD_BENCH=OFF -- quenda_concurrency_tests
 QUENDA_STRESS_SECONDS=20 ctest --test-dir build-tsan --output-on-failure --timeout 600
 
-# Quenda.dll for Windows, cross-built with MinGW-w64, and its host-level tests under Wine.
+# Quenda.dll and Quenda.vst3 for Windows, cross-built with MinGW-w64, and their host-level
+# tests under Wine.
 bash scripts/test-windows.sh build-windows
+
+# ---- Windows installer and zip (issue 21): made from the build above (its dependencies and
+# objects are reused), installed silently into a fresh Wine prefix, tested there, uninstalled.
+installer_started=$(date +%s)
+bash scripts/windows-package.sh build-windows
+bash scripts/test-windows-installer.sh build-windows
+echo "test: Windows installer stage took $(( $(date +%s) - installer_started )) s"
+# ---- end of the Windows installer stage
