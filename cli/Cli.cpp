@@ -8,6 +8,7 @@
 #include "Plot.h"
 #include "Progress.h"
 #include "Render.h"
+#include "Version.h"
 
 #include <cmath>
 
@@ -236,6 +237,12 @@ int runCommandLine (const juce::StringArray& args, std::ostream& out, std::ostre
         if (options.help)
         {
             out << helpText (parameters);
+            return 0;
+        }
+
+        if (options.version)
+        {
+            out << versionText();
             return 0;
         }
 

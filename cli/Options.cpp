@@ -194,6 +194,7 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
 
         if (option == "--")                                     optionsEnded = true;
         else if (option == "-h" || option == "--help")          flag (options.help);
+        else if (option == "-V" || option == "--version")       flag (options.version);
         else if (option == "-i" || option == "--input")         options.input = reader.value (option);
         else if (option == "-o" || option == "--output")        options.output = reader.value (option);
         else if (option == "-y" || option == "--overwrite")     flag (options.overwrite);
@@ -287,7 +288,7 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
         options.output = positional[1];
     }
 
-    if (options.help || options.listParameters)
+    if (options.help || options.version || options.listParameters)
         return options;
 
     if (options.json)
@@ -401,6 +402,7 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
             "  -q, --quiet               errors only\n"
             "  -v, --verbose             also formats, settings and latency\n"
             "  -h, --help                this text\n"
+            "  -V, --version             the version (and the build's git hash)\n"
             "\n"
             "Exit status:\n"
             "  0    success\n"

@@ -45,6 +45,7 @@ namespace cli
         bool verbose = false;
 
         bool help = false;
+        bool version = false;
         bool listParameters = false;
         bool json = false;
         bool demo = false;

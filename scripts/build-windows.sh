@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Cross-builds Quenda.dll for 64-bit Windows, and the Windows host test programs, with
-# MinGW-w64. Usage: build-windows.sh [BUILD_DIR] (default build-windows).
+# Cross-builds Quenda.dll and Quenda.vst3 for 64-bit Windows, and the Windows host test
+# programs, with MinGW-w64. Usage: build-windows.sh [BUILD_DIR] (default build-windows).
 #
 # FFTW, libpng and libjpeg for Windows are built once, static, from Debian's source packages
 # into BUILD_DIR/deps/prefix; a rerun finds them there and skips that step.
@@ -94,27 +94,36 @@ echo "build-windows: dependencies ready after $(( $(stamp) - started )) s"
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DQUENDA_WINDOWS_PREFIX="$prefix" -DQUENDA_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build_dir" --parallel "$jobs" --target \
-    Quenda_VST quenda_vst2_host_tests quenda_wavelab_host_tests quenda-lock-holder quenda-editor-window
+    Quenda_VST Quenda_VST3 quenda_vst2_host_tests quenda_wavelab_host_tests quenda_wavelab_format_tests \
+    quenda-lock-holder quenda-editor-window
 
 dll=$build_dir/Quenda_artefacts/Release/VST/Quenda.dll
+# JUCE 7.0.5 writes no moduleinfo.json (its CMake has no manifest step); hosts then load the
+# module to read its factory, as they do for every VST3 made before SDK 3.7.5.
+vst3=$build_dir/Quenda_artefacts/Release/VST3/Quenda.vst3/Contents/x86_64-win/Quenda.vst3
 
-# The DLL must load on a bare Windows: it may import only the system's own DLLs (no MinGW
-# runtime, no FFTW, zlib or libpng DLLs), and it must export the VST2 entry point.
+# Each must load on a bare Windows: import only the system's own DLLs (no MinGW runtime, no
+# FFTW, zlib or libpng DLLs), and export its format's entry point.
 system_dlls=(kernel32.dll user32.dll gdi32.dll advapi32.dll shell32.dll ole32.dll oleaut32.dll
     comdlg32.dll imm32.dll shlwapi.dll rpcrt4.dll version.dll winmm.dll wininet.dll wsock32.dll
     ws2_32.dll dxgi.dll msvcrt.dll comctl32.dll uxtheme.dll dwmapi.dll)
-headers=$($host-objdump -p "$dll")
-imports=$(sed -n 's/^\s*DLL Name: //p' <<<"$headers" | tr 'A-Z' 'a-z' | sort -u)
-echo "build-windows: Quenda.dll imports:" $imports
-for name in $imports; do
-    case " ${system_dlls[*]} " in
-        *" $name "*) ;;
-        *) echo "build-windows: Quenda.dll depends on $name, which Windows does not provide" >&2; exit 1 ;;
-    esac
-done
-if ! grep -qE '^\s*\[\s*[0-9]+\] VSTPluginMain$' <<<"$headers"; then
-    echo "build-windows: Quenda.dll does not export VSTPluginMain" >&2
-    exit 1
-fi
+check_module () {
+    local module=$1 entry=$2 headers imports name
+    headers=$($host-objdump -p "$module")
+    imports=$(sed -n 's/^\s*DLL Name: //p' <<<"$headers" | tr 'A-Z' 'a-z' | sort -u)
+    echo "build-windows: $(basename "$module") imports:" $imports
+    for name in $imports; do
+        case " ${system_dlls[*]} " in
+            *" $name "*) ;;
+            *) echo "build-windows: $(basename "$module") depends on $name, which Windows does not provide" >&2; exit 1 ;;
+        esac
+    done
+    if ! grep -qE "^\s*\[\s*[0-9]+\] $entry\$" <<<"$headers"; then
+        echo "build-windows: $(basename "$module") does not export $entry" >&2
+        exit 1
+    fi
+}
+check_module "$dll" VSTPluginMain
+check_module "$vst3" GetPluginFactory
 
-echo "build-windows: $dll ready ($(( $(stamp) - started )) s)"
+echo "build-windows: $dll and $vst3 ready ($(( $(stamp) - started )) s)"

@@ -8,9 +8,7 @@
 # Exit status: 0 all formats pass, 1 a failure, 77 skipped (no pluginval sources: a checkout
 # outside CI, where ../shared is absent). PLUGINVAL_OUTPUT_DIR keeps the logs (default
 # BUILD_DIR/pluginval-logs). PLUGINVAL_REPEAT and PLUGINVAL_SEED override the repeat count and
-# the seed for local runs. The seed fixes the random test order; with seed 3 "Allocations
-# during process" runs before other tests have grown the plug-in's buffers, so a growth on
-# the audio thread shows (with some seeds an earlier test hides it).
+# the seed for local runs (scripts/pluginval-settings.sh).
 set -uo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -46,24 +44,15 @@ fi
 logs=${PLUGINVAL_OUTPUT_DIR:-$build/pluginval-logs}
 mkdir -p "$logs"
 
-# tests/pluginval/disabled-FORMAT.txt may switch a test off for one format, one name per line,
-# each with a comment line above it saying why.
-disabled_list_for () {
-    local list=$repo/tests/pluginval/disabled-$1.txt
-    [ -f "$list" ] && grep -v '^#' "$list" | grep -v '^$' | paste -sd, -
-}
+source "$repo/scripts/pluginval-settings.sh"
 
 status=0
 for plugin in "${plugins[@]}"; do
     format=$(basename "$(dirname "$plugin")")
     log=$logs/$format.log
-    args=(--strictness-level 10 --validate-in-process
-          --sample-rates 8000,22050,44100,48000,96000,192000,384000
-          --block-sizes 1,17,64,333,1024,8192
-          --repeat "${PLUGINVAL_REPEAT:-3}" --randomise --random-seed "${PLUGINVAL_SEED:-3}"
-          --timeout-ms 300000)
+    args=("${pluginval_settings[@]}")
 
-    disabled=$(disabled_list_for "$format" || true)
+    disabled=$(pluginval_disabled_for "$format" || true)
     [ -n "$disabled" ] && args+=(--disabled-tests "$disabled")
 
     # JUCE finds LV2 plug-ins by URI, only in its fixed folders (~/.lv2 among them, whatever

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
     g++-mingw-w64-x86-64-posix libz-mingw-w64-dev nasm make dpkg-dev
-    wine wine64 xvfb xauth imagemagick x11-apps
+    wine wine64 xvfb xauth imagemagick x11-apps nsis zip unzip
 )
 
 missing=()

@@ -13,6 +13,7 @@ packages=(
     sordi
     xvfb xauth
     ardour
+    lintian mmdebstrap desktop-file-utils man-db
 )
 
 missing=()

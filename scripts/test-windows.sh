@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# The Windows stage: cross-builds Quenda.dll and the host test programs, then runs them under
-# Wine (its own prefix under the build folder, on a private Xvfb display): the host-level
-# suite against the DLL, the lock shared with another Wine process, and the editor in a host
-# window, photographed to BUILD_DIR/editor-windows.png.
+# The Windows stage: cross-builds Quenda.dll, Quenda.vst3 and the host test programs, then runs
+# them under Wine (its own prefix under the build folder, on a private Xvfb display): the
+# host-level suite against the DLL, the VST3 through JUCE's hosting classes, the lock shared
+# with another Wine process, and the editor in a host window, photographed to
+# BUILD_DIR/editor-windows.png.
 # Usage: test-windows.sh [BUILD_DIR] (default build-windows).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -36,8 +37,12 @@ dll=$build_dir/Quenda_artefacts/Release/VST/Quenda.dll
 QUENDA_VST2_PATH=$(winepath -w "$dll")
 export QUENDA_VST2_PATH
 
+# The VST3 through JUCE's hosting classes, against the VST2 DLL's audio and state.
+QUENDA_VST3_BUNDLE=$(winepath -w "$build_dir/Quenda_artefacts/Release/VST3/Quenda.vst3")
+export QUENDA_VST3_BUNDLE
+
 failed=0
-for program in quenda_vst2_host_tests quenda_wavelab_host_tests; do
+for program in quenda_vst2_host_tests quenda_wavelab_host_tests formats/quenda_wavelab_format_tests; do
     echo "test-windows: $program under Wine"
     wine "$build_dir/tests/$program.exe" --gtest_brief=1 || failed=1
     wineserver -w

@@ -14,14 +14,18 @@
 #   formats     the VST3 and LV2 builds through JUCE's hosting code and the LV2 one through its C
 #               interface, the LV2 TTL, Ardour (skipped where absent), and pluginval
 #               on every format (skipped where the shared tools are absent)
-#   windows     Quenda.dll cross-built with MinGW-w64, its host-level tests under Wine
+#   package     the Debian package from the unit build, lintian, then installed, run, validated
+#               and removed in a clean bookworm root (scripts/deb.sh)
+#   windows     Quenda.dll and Quenda.vst3 cross-built with MinGW-w64, their host-level tests
+#               under Wine, then the installer and zip, installed silently into a fresh Wine
+#               prefix, tested there and uninstalled
 #
 # The fast loop while working: bash scripts/build.sh build -- quenda_dsp_tests quenda_plugin_tests
 # quenda_realtime_tests quenda_platform_tests, then ctest --test-dir build -L unit.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(format unit sanitizers tsan formats windows)
+all_stages=(format unit sanitizers tsan formats package windows)
 stages=("$@")
 [ ${#stages[@]} -gt 0 ] || stages=("${all_stages[@]}")
 
@@ -64,8 +68,14 @@ run_stage()
         formats)
             bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON \
                 && ctest --test-dir build --output-on-failure --timeout 600 -L "formats|pluginval" ;;
+        package)
+            bash scripts/build.sh build -DQUENDA_BUILD_BENCH=ON -DQUENDA_WARNINGS_AS_ERRORS=ON \
+                && bash scripts/deb.sh build ;;
         windows)
-            bash scripts/test-windows.sh build-windows ;;
+            # The installer reuses the Windows build's dependencies and objects.
+            bash scripts/test-windows.sh build-windows \
+                && bash scripts/windows-package.sh build-windows \
+                && bash scripts/test-windows-installer.sh build-windows ;;
     esac
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Options and refusals: every parameter reachable, each bad request or input refused with its
 // exit status before anything is written, nothing existing overwritten or half-written; then
-// presets as the plug-in's own state, the measured response plot, and the demo.
+// presets as the plug-in's own state, the measured response plot, the demo, and the version.
 
 #include "TestSupport.h"
 #include "Cli.h"
@@ -166,5 +166,20 @@ TEST (Demo, WritesTheDemoFolder)
 
     EXPECT_EQ (render ({ "--demo", folder }).code, (int) ExitCode::outputExists);
     EXPECT_EQ (render ({ "--demo", folder, "-y", "-q" }).code, 0);
+}
+
+TEST (Version, RendererPluginAndChangelogAgree)
+{
+    std::ostringstream out, err;
+    EXPECT_EQ (runCommandLine ({ "--version", "in.wav", "out.wav" }, out, err), 0);
+    const juce::String text (out.str());
+    EXPECT_TRUE (text.startsWith ("quenda-render " JucePlugin_VersionString)) << text;
+    EXPECT_EQ (text.indexOfChar ('\n'), text.length() - 1) << text;
+    EXPECT_TRUE (err.str().empty());
+
+    // The newest entry comes first and names the version being built.
+    const auto changelog = juce::File (QUENDA_CHANGELOG_PATH).loadFileAsString();
+    const auto newest = changelog.fromFirstOccurrenceOf ("\n## ", false, false).upToFirstOccurrenceOf ("\n", false, false);
+    EXPECT_TRUE (newest.startsWith ("[" JucePlugin_VersionString "]")) << newest;
 }
 }

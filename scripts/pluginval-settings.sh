@@ -1,0 +1,17 @@
+# Sourced by the pluginval runs (the build tree, the installed package, Windows under Wine) so
+# that all of them validate with the same strictness, rates, block sizes, repeat and order.
+# With seed 3 "Allocations during process" runs before other tests have grown the plug-in's
+# buffers, so a growth on the audio thread shows (with some seeds an earlier test hides it).
+pluginval_settings=(--strictness-level 10 --validate-in-process
+                    --sample-rates 8000,22050,44100,48000,96000,192000,384000
+                    --block-sizes 1,17,64,333,1024,8192
+                    --repeat "${PLUGINVAL_REPEAT:-3}" --randomise --random-seed "${PLUGINVAL_SEED:-3}"
+                    --timeout-ms 300000)
+
+# tests/pluginval/disabled-FORMAT.txt may switch a test off for one format, one name per line,
+# each with a comment line above it saying why. Prints them comma-separated.
+pluginval_disabled_for () {
+    local list
+    list=$(dirname "${BASH_SOURCE[0]}")/../tests/pluginval/disabled-$1.txt
+    [ -f "$list" ] && grep -v '^#' "$list" | grep -v '^$' | paste -sd, -
+}
