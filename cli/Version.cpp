@@ -2,7 +2,7 @@
 #include "Version.h"
 #include "QuendaBuildVersion.h"
 
-namespace quenda::cli
+namespace cli
 {
 juce::String versionText()
 {

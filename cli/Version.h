@@ -3,7 +3,7 @@
 
 #include <juce_core/juce_core.h>
 
-namespace quenda::cli
+namespace cli
 {
     /** "quenda-render 1.1.0 (git 0123abcd4567)\n"; without the hash when built outside git. */
     juce::String versionText();
