@@ -33,7 +33,7 @@ struct TiltKernelSet
 class TiltKernelBank
 {
 public:
-    /** Sizes both sets for a layout and designs for an FFT size (the block size's N).
+    /** Sizes both sets for a layout and designs for an FFT size (tilt::designFftSize).
         Must not run while the audio thread processes. Drops the published set. */
     void prepare (const convolution::PartitionLayout& layout, int fftSize);
 

@@ -185,20 +185,21 @@ void TiltKernelDesigner::designSlope (double slope, double sampleRate,
         std::fill (minimumOut.begin(), minimumOut.end(), tilt::Complex());
 
         if (minimumTaps != nullptr)
-            minimumTaps->assign (size, 0.0f);
+            minimumTaps->assign (length, 0.0f);
 
         return;
     }
 
     tilt::deriveMinimumPhase (kernel.data(), tilt::kernelLength, minPhaseFft, minimumPhase);
 
-    // The minimum-phase response is M samples long: keep its first N, or pad it to N.
-    const auto kept = std::min (size, minimumPhase.impulse.size());
+    // A minimum-phase FIR with the linear kernel's magnitude is as long as that kernel; the
+    // derivation's samples beyond it are its aliasing (below 1e-7 each), dropped.
+    const auto kept = std::min ({ size, length, minimumPhase.impulse.size() });
     std::copy_n (minimumPhase.impulse.begin(), kept, impulseResponse.begin());
     std::fill (impulseResponse.begin() + (std::ptrdiff_t) kept, impulseResponse.end(), 0.0f);
 
     mainFft.fft (impulseResponse.data(), minimumOut);
 
     if (minimumTaps != nullptr)
-        minimumTaps->assign (impulseResponse.begin(), impulseResponse.end());
+        minimumTaps->assign (impulseResponse.begin(), impulseResponse.begin() + (std::ptrdiff_t) kept);
 }

@@ -37,6 +37,11 @@ namespace tilt
         return size;
     }
 
+    /** FFT size the kernels are designed at, whatever the host's block size: the target
+        magnitude is sampled on its bins, so another size would give other kernels and a
+        session would sound different at another buffer size. */
+    constexpr int designFftSize = 8192;
+
     /** FFT size of the minimum-phase derivation (16384). */
     constexpr int minimumPhaseFftSize = minimumPhaseFftSizeFor (kernelLength);
 
@@ -86,8 +91,8 @@ struct TiltKernelSpectra
     std::vector<tilt::Complex> minimumRising;
 };
 
-/** The same four kernels in the time domain: the linear ones kernelLength taps long, the
-    minimum-phase ones the first N samples of their impulse response. */
+/** The same four kernels in the time domain, kernelLength taps each: the minimum-phase ones
+    are the first kernelLength samples of their impulse response. */
 struct TiltKernelTaps
 {
     std::vector<float> linearFalling;

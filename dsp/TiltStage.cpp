@@ -43,28 +43,9 @@ namespace
     }
 }
 
-int TiltStage::fftSizeFor (int blockSize) noexcept
-{
-    auto size = 1;
-
-    while (size <= tilt::kernelLength + blockSize - 2)
-        size *= 2;
-
-    return size;
-}
-
-int TiltStage::tapsFor (int maximumBlockSize) noexcept
-{
-    // An overlap-save block applies at most kernelLength + blockSize - 1 taps of the
-    // minimum-phase response (its later samples only ever wrapped around there), and the
-    // response has no more samples than the derivation's transform.
-    return std::min ({ fftSizeFor (maximumBlockSize), tilt::minimumPhaseFftSize,
-                       tilt::kernelLength + std::max (maximumBlockSize, 1) - 1 });
-}
-
 convolution::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)
 {
-    return convolution::PartitionLayout::forBlockSize (maximumBlockSize, tapsFor (maximumBlockSize));
+    return convolution::PartitionLayout::forBlockSize (maximumBlockSize, tilt::kernelLength);
 }
 
 void TiltStage::prepare (int maximumBlockSize)
@@ -79,7 +60,7 @@ void TiltStage::prepare (int maximumBlockSize)
     dryMask = dryLength - 1;
 
     convolver.prepare (layout);
-    kernelBank->prepare (layout, fftSizeFor (maximumBlockSize));
+    kernelBank->prepare (layout, tilt::designFftSize);
 
     for (int c = 0; c < numChannels; ++c)
     {

@@ -32,14 +32,7 @@ public:
         double kernelSampleRate = 0.0;   // kernels of another rate are not used; 0 takes any
     };
 
-    /** Smallest power of two strictly above kernelLength + blockSize - 2: the FFT size the
-        kernels are designed at. */
-    static int fftSizeFor (int blockSize) noexcept;
-
-    /** Taps of a kernel that an overlap-save block of up to maximumBlockSize applies. */
-    static int tapsFor (int maximumBlockSize) noexcept;
-
-    /** Partitions for blocks of up to maximumBlockSize, holding tapsFor() taps. */
+    /** Partitions for blocks of up to maximumBlockSize, holding the kernels' taps. */
     static convolution::PartitionLayout layoutFor (int maximumBlockSize);
 
     /** Sizes the buffers and the kernel bank; drops the designed kernels. Must not run while

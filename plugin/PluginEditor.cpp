@@ -4,6 +4,8 @@
 
 #include <BinaryData.h>
 
+#include <optional>
+
 
 namespace
 {
@@ -28,6 +30,25 @@ namespace
         label.setColour (juce::TextEditor::textColourId, juce::Colours::black);
         label.setColour (juce::TextEditor::backgroundColourId, juce::Colour (0x00000000));
     }
+
+    // The number a typed text starts with, if any; "k" after it scales a frequency by 1000.
+    std::optional<double> numberInText (const juce::String& text, bool frequency)
+    {
+        auto rest = text.trim();
+
+        while (rest.startsWithChar ('+'))
+            rest = rest.substring (1).trimStart();
+
+        const auto number = rest.initialSectionContainingOnly ("0123456789.-");
+
+        if (! number.containsAnyOf ("0123456789"))
+            return std::nullopt;
+
+        const auto value = number.getDoubleValue();
+        const auto kilo = frequency && rest.substring (number.length()).trimStart().startsWithIgnoreCase ("k");
+
+        return kilo ? value * 1000.0 : value;
+    }
 }
 
 //==============================================================================
@@ -39,6 +60,17 @@ juce::String QuendaAudioProcessorEditor::mySlider::getTextFromValue (double valu
 juce::String QuendaAudioProcessorEditor::my_freqSlider::getTextFromValue (double value)
 {
     return PlainFloatParameter::toFixedDecimals (value, 1) + getTextValueSuffix();
+}
+
+// JUCE reads text without a number as 0, which the knob's range turns into its minimum.
+double QuendaAudioProcessorEditor::mySlider::getValueFromText (const juce::String& text)
+{
+    return numberInText (text, false).value_or (getValue());
+}
+
+double QuendaAudioProcessorEditor::my_freqSlider::getValueFromText (const juce::String& text)
+{
+    return numberInText (text, true).value_or (getValue());
 }
 
 QuendaAudioProcessorEditor::OtherLookAndFeel::OtherLookAndFeel()

@@ -33,20 +33,22 @@ public:
     void sliderDragEnded (juce::Slider*) override {}
     void buttonClicked (juce::Button*) override;
 
-    /** Two-decimal value text (gains and tilt). */
+    /** Two-decimal value text (gains and tilt). Typed text without a number keeps the value. */
     class mySlider : public juce::Slider
     {
     public:
         using juce::Slider::Slider;
         juce::String getTextFromValue (double value) override;
+        double getValueFromText (const juce::String& text) override;
     };
 
-    /** One-decimal value text in Hz; never switches to kHz. */
+    /** One-decimal value text in Hz; never switches to kHz. Typed text may say "3k" or "3 kHz". */
     class my_freqSlider : public juce::Slider
     {
     public:
         using juce::Slider::Slider;
         juce::String getTextFromValue (double value) override;
+        double getValueFromText (const juce::String& text) override;
     };
 
     /** Gives the tilt knob its orange thumb; everything else is the stock V4 look. */

@@ -105,7 +105,7 @@ namespace
             ready.processor.runPendingKernelDesign();
         }
 
-        state.counters["fft_size"] = TiltStage::fftSizeFor (blockSize);
+        state.counters["fft_size"] = tilt::designFftSize;
     }
 
     const bool registered = []

@@ -33,17 +33,14 @@ class ReferenceModel
 public:
     /** As a host's effMainsChanged(1) does: prepareToPlay designs the kernels and starts
         every filter and glide from silence at the current settings. */
-    void start (double sampleRate, int declaredBlockSize, const Settings& s)
+    void start (double sampleRate, const Settings& s)
     {
         rate = sampleRate;
         startFrom (s);
 
-        for (fftSize = 1; fftSize <= tilt::kernelLength + declaredBlockSize - 2;)
-            fftSize *= 2;
-
-        // Kernels of the processor's own size and rate; their shape is verified on its own.
+        // The processor's kernels, whatever the block size; their shape is verified on its own.
         TiltKernelDesigner designer;
-        designer.prepare (fftSize);
+        designer.prepare (tilt::designFftSize);
         audiofft::FFTW3FFT fft, minimumPhaseFft;
         TiltKernelSpectra spectra;
         TiltKernelTaps taps;
@@ -53,7 +50,7 @@ public:
             kernels[k++].assign (source->begin(), source->end());
 
         for (auto& channel : past)
-            channel.assign ((size_t) fftSize, 0.0);
+            channel.assign ((size_t) tilt::kernelLength, 0.0);
     }
 
     /** Glides, shelves and latency at these settings, as prepareToPlay leaves them; the
@@ -112,7 +109,7 @@ public:
                 out[c][i] = (float) ((t == 0.0 ? 0.0 : (double) (float) wet) * std::abs (t) + (double) ((float) (1.0 - std::abs (t)) * dry));
             }
 
-            history.erase (history.begin(), history.end() - fftSize);   // only the last N are needed again
+            history.erase (history.begin(), history.end() - tilt::kernelLength);   // all the kernels reach back
         }
         previousTilt = tiltTarget;
 
@@ -161,7 +158,7 @@ public:
     }
 
 private:
-    int fftSize = 0, latencySamples = 0;
+    int latencySamples = 0;
     double previousTilt = 0;
     float previousTrim = 0, previousGain[4] {};
     std::vector<double> kernels[4], past[2];
@@ -192,7 +189,7 @@ namespace
         {
             apply();
             plugin.start ((float) rate, declaredBlockSize);
-            model.start (rate, declaredBlockSize, settings);
+            model.start (rate, settings);
         }
 
         /** As a host changing the rate: stopped, then started again at the new one. */
@@ -200,7 +197,7 @@ namespace
         {
             plugin.stop();
             plugin.start ((float) rate, declaredBlockSize);
-            model.start (rate, declaredBlockSize, settings);
+            model.start (rate, settings);
         }
 
         void apply()

@@ -95,6 +95,38 @@ TEST_F (EditorTest, ToggleClicksSendTheNewValueInsideAGesture)
     EXPECT_EQ (juce::String ("begin 1, end 1"), click (P::bypassIndex));
 }
 
+TEST_F (EditorTest, TypedTextSetsItsNumberAndTextWithoutANumberKeepsTheValue)
+{
+    editor.stopTimer();
+    editor.timerCallback();   // the knobs show the parameters, as after the first poll
+    auto type = [this] (int i, const char* text)
+    {
+        for (auto* child : slider (i).getChildren())
+            if (auto* box = dynamic_cast<juce::Label*> (child))
+                box->setText (text, juce::sendNotificationSync);   // as the box's editor commits it
+    };
+
+    // In order: each line starts from where the previous ones left the knob.
+    const struct { int control; const char* text; float value; const char* shown; } typed[] =
+    {
+        { P::lowFreqIndex, "abc", 150.0f, "150.0 Hz" },   { P::lowFreqIndex, "", 150.0f, "150.0 Hz" },
+        { P::lowFreqIndex, "- Hz", 150.0f, "150.0 Hz" },  { P::lowFreqIndex, "0.12k", 120.0f, "120.0 Hz" },
+        { P::lowFreqIndex, "kHz", 120.0f, "120.0 Hz" },   { P::highFreqIndex, "9 kHz", 9000.0f, "9000.0 Hz" },
+        { P::highFreqIndex, "4500.5", 4500.5f, "4500.5 Hz" }, { P::lowIndex, "+2.5 dB", 2.5f, "2.50 dB" },
+        { P::lowIndex, "dB", 2.5f, "2.50 dB" },          { P::tiltIndex, "-0.5", -0.5f, "-0.50" },
+        { P::tiltIndex, "flat", -0.5f, "-0.50" },         { P::trimIndex, "x1", 0.0f, "0.00 dB" },
+    };
+
+    for (const auto& t : typed)
+    {
+        type (t.control, t.text);
+        EXPECT_EQ (t.value, parameter (t.control).getValue()) << t.text;
+        EXPECT_EQ (juce::String (t.shown), slider (t.control).getTextFromValue (slider (t.control).getValue())) << t.text;
+    }
+
+    EXPECT_EQ (juce::String ("value 6 120, value 7 9000, value 7 4500.5, value 4 2.5, value 0 -0.5"), hostHeard());
+}
+
 TEST_F (EditorTest, KnobTextsUseFixedDecimals)
 {
     const struct { int control; double value; const char* text; } examples[] =

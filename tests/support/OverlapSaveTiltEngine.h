@@ -10,8 +10,8 @@
 /**
     The plain overlap-save tilt convolution of one channel, kept as the oracle for the
     partitioned engine: one N-point segment per block (N the smallest power of two above
-    kernel + block - 2), giving a positive-tilt output (falling kernel) and a negative-tilt
-    output (rising kernel).
+    kernel + block - 2) with the kernels as designed, giving a positive-tilt output (falling
+    kernel) and a negative-tilt output (rising kernel).
 */
 class OverlapSaveTiltEngine
 {
@@ -31,8 +31,7 @@ public:
         ready = 0;
 
         mainFft.init ((size_t) fftSize);
-        minimumPhaseFft.init ((size_t) tilt::minimumPhaseFftSize);
-        designer.prepare (fftSize);
+        designer.prepare (tilt::designFftSize);
         spectra.resize (fftSize);
         segment.assign ((size_t) fftSize, 0.0f);
         time.assign ((size_t) fftSize, 0.0f);
@@ -40,8 +39,23 @@ public:
         product = inputSpectrum;
     }
 
-    void design (double sampleRate)    { designer.design (sampleRate, mainFft, minimumPhaseFft, spectra); }
-    int getFftSize() const noexcept    { return fftSize; }
+    void design (double sampleRate)
+    {
+        TiltKernelSpectra designed;
+        TiltKernelTaps taps;
+        designer.design (sampleRate, designFft, minimumPhaseFft, designed, &taps);
+
+        // The same taps, transformed at this engine's own size.
+        const std::vector<float>* sources[] = { &taps.linearFalling, &taps.linearRising, &taps.minimumFalling, &taps.minimumRising };
+        std::vector<tilt::Complex>* targets[] = { &spectra.linearFalling, &spectra.linearRising, &spectra.minimumFalling, &spectra.minimumRising };
+        for (size_t k = 0; k < 4; ++k)
+        {
+            std::fill (segment.begin(), segment.end(), 0.0f);
+            std::copy (sources[k]->begin(), sources[k]->end(), segment.begin());
+            mainFft.fft (segment.data(), targets[k]->data());
+        }
+    }
+
 
     /** Appends n new samples to the convolution history. */
     void writeInput (const float* input, int n)
@@ -96,7 +110,7 @@ public:
     const float* negativeOutput() const noexcept  { return negative.data(); }
 
 private:
-    audiofft::FFTW3FFT mainFft, minimumPhaseFft;
+    audiofft::FFTW3FFT mainFft, designFft, minimumPhaseFft;
     TiltKernelDesigner designer;
     TiltKernelSpectra spectra;
     int fftSize = 0, fill = 0, ready = 0;   // fill: valid history; ready: outputs not yet used

@@ -112,7 +112,7 @@ TEST (AudioPath, ARateSetWhileRunningIsFollowedFromTheFirstBlock)
     {
         Session session (512, { 0.6f, 0, linPhase, -1, 4, -2, 120, 6000 }, 44100.0);
         session.plugin.setRateWhileRunning (48000.0f, 8192);
-        session.model.start (48000.0, 512, session.settings);
+        session.model.start (48000.0, session.settings);
 
         for (int n : { 8192, 8192, 1000 })
             session.block (n, linPhase > 0 ? "linear phase, 48 kHz set while running" : "minimum phase, 48 kHz set while running");
