@@ -11,13 +11,16 @@ namespace cli::interrupt
 {
 namespace
 {
-    constexpr int maxTracked = 8;
+    // A batch's jobs each hold an output, and --jobs goes up to 64.
+    constexpr int maxTracked = 72;
 
-    // Plain arrays and lock-free flags: all the handler may touch.
+    // Plain arrays and lock-free flags: all the handler may touch. A slot is claimed before
+    // its path is written, so that jobs on several threads never share one.
+    enum SlotState : int { freeSlot, claimedSlot, slotInUseState };
     char trackedPaths[maxTracked][PATH_MAX];
-    std::atomic<bool> slotInUse[maxTracked];
+    std::atomic<int> slotState[maxTracked];
 
-    static_assert (std::atomic<bool>::is_always_lock_free);
+    static_assert (std::atomic<int>::is_always_lock_free);
 
     void say (const char* text)
     {
@@ -30,7 +33,7 @@ namespace
     extern "C" void removeTrackedFilesAndRaise (int signalNumber)
     {
         for (int i = 0; i < maxTracked; ++i)
-            if (slotInUse[i].load())
+            if (slotState[i].load() == slotInUseState)
                 ::unlink (trackedPaths[i]);
 
         // Only async-signal-safe calls here: fixed texts through write().
@@ -73,10 +76,12 @@ bool track (const juce::File& file)
 
     for (int i = 0; i < maxTracked; ++i)
     {
-        if (! slotInUse[i].load())
+        auto expected = (int) freeSlot;
+
+        if (slotState[i].compare_exchange_strong (expected, claimedSlot))
         {
             std::memcpy (trackedPaths[i], path.c_str(), path.size() + 1);
-            slotInUse[i].store (true);
+            slotState[i].store (slotInUseState);
             return true;
         }
     }
@@ -89,7 +94,12 @@ void untrack (const juce::File& file)
     const auto path = file.getFullPathName().toStdString();
 
     for (int i = 0; i < maxTracked; ++i)
-        if (slotInUse[i].load() && path == trackedPaths[i])
-            slotInUse[i].store (false);
+    {
+        auto expected = (int) slotInUseState;
+
+        if (slotState[i].load() == slotInUseState && path == trackedPaths[i]
+            && slotState[i].compare_exchange_strong (expected, freeSlot))
+            break;
+    }
 }
 }
