@@ -2,6 +2,7 @@
 #include "Demo.h"
 #include "dsp/AudioFFT.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace cli
@@ -109,30 +110,37 @@ juce::AudioBuffer<float> makeDemoSignal (double sampleRate, double seconds)
     return demo;
 }
 
-std::vector<BandLevel> octaveBandLevels (const juce::AudioBuffer<float>& audio, double sampleRate)
+OctaveBandMeter::OctaveBandMeter (int numChannels, double rate)
+    : sampleRate (rate), window (size), frame (size), re (size / 2 + 1), im (size / 2 + 1),
+      pending ((size_t) numChannels, std::vector<float> (size)), power (size / 2 + 1, 0.0)
 {
-    constexpr int size = 16384;
-    constexpr int hop = size / 2;
-
-    audiofft::FFTW3FFT fft;
     fft.init (size);
-
-    std::vector<float> window (size), frame (size), re (size / 2 + 1), im (size / 2 + 1);
-    std::vector<double> power (size / 2 + 1, 0.0);
 
     for (int i = 0; i < size; ++i)
         window[(size_t) i] = (float) (0.5 - 0.5 * std::cos (twoPi * i / size));
+}
 
-    int frames = 0;
-
-    for (int channel = 0; channel < audio.getNumChannels(); ++channel)
+void OctaveBandMeter::add (const juce::AudioBuffer<float>& block, int start, int numSamples)
+{
+    // Frames of `size` samples every `hop`: each channel's last frame waits in `pending`.
+    while (numSamples > 0)
     {
-        const auto* samples = audio.getReadPointer (channel);
+        const auto count = std::min (numSamples, size - filled);
 
-        for (int start = 0; start + size <= audio.getNumSamples(); start += hop)
+        for (size_t channel = 0; channel < pending.size(); ++channel)
+            std::copy_n (block.getReadPointer ((int) channel, start), count, pending[channel].data() + filled);
+
+        filled += count;
+        start += count;
+        numSamples -= count;
+
+        if (filled < size)
+            break;
+
+        for (auto& samples : pending)
         {
             for (int i = 0; i < size; ++i)
-                frame[(size_t) i] = samples[start + i] * window[(size_t) i];
+                frame[(size_t) i] = samples[(size_t) i] * window[(size_t) i];
 
             fft.fft (frame.data(), re.data(), im.data());
 
@@ -140,9 +148,15 @@ std::vector<BandLevel> octaveBandLevels (const juce::AudioBuffer<float>& audio, 
                 power[k] += (double) re[k] * re[k] + (double) im[k] * im[k];
 
             ++frames;
+            std::copy (samples.begin() + hop, samples.end(), samples.begin());
         }
-    }
 
+        filled = size - hop;
+    }
+}
+
+std::vector<BandLevel> OctaveBandMeter::levels() const
+{
     // A Hann-windowed sine of amplitude 1 puts 3 * size^2 / 32 of energy into the positive bins.
     const auto reference = 3.0 * size * size / 32.0 * std::max (frames, 1);
     std::vector<BandLevel> bands;
@@ -162,5 +176,29 @@ std::vector<BandLevel> octaveBandLevels (const juce::AudioBuffer<float>& audio, 
     }
 
     return bands;
+}
+
+std::vector<BandLevel> octaveBandLevels (const juce::AudioBuffer<float>& audio, double sampleRate)
+{
+    OctaveBandMeter meter (audio.getNumChannels(), sampleRate);
+    meter.add (audio, 0, audio.getNumSamples());
+    return meter.levels();
+}
+
+juce::String bandTable (const std::vector<BandLevel>& before, const std::vector<BandLevel>& after)
+{
+    juce::String text ("Octave band   before     after    change\n");
+
+    for (size_t i = 0; i < before.size() && i < after.size(); ++i)
+    {
+        const auto centre = before[i].centre;
+        const auto label = centre >= 1000.0 ? juce::String (centre / 1000.0) + " kHz" : juce::String (centre) + " Hz";
+        const auto change = after[i].levelDb - before[i].levelDb;
+        text << label.paddedLeft (' ', 9) << juce::String (before[i].levelDb, 1).paddedLeft (' ', 9) << " dB"
+             << juce::String (after[i].levelDb, 1).paddedLeft (' ', 7) << " dB"
+             << ((change >= 0.0 ? "+" : "") + juce::String (change, 1)).paddedLeft (' ', 7) << " dB\n";
+    }
+
+    return text;
 }
 }
