@@ -58,7 +58,26 @@ namespace
             fail (option + ": '" + text + "' is not on/off (or 1/0, true/false, yes/no)");
         }
 
-        const auto number = parseNumber (text);
+        auto number = parseNumber (text);
+
+        // Frequencies as the editor takes them: "9k", "0.12k", "120 Hz", "9 kHz".
+        if (! number && parameter.unit == "Hz")
+        {
+            auto digits = text.trim();
+
+            if (digits.endsWithIgnoreCase ("hz"))
+                digits = digits.dropLastCharacters (2).trimEnd();
+
+            if (digits.endsWithIgnoreCase ("k"))
+            {
+                if (const auto thousands = parseNumber (digits.dropLastCharacters (1)))
+                    number = *thousands * 1000.0;
+            }
+            else
+            {
+                number = parseNumber (digits);
+            }
+        }
 
         if (! number)
             fail (option + ": '" + text + "' is not a number");
@@ -81,24 +100,35 @@ namespace
         return (int) *number;
     }
 
-    /** Walks the arguments; options may be given as "--name value" or "--name=value". */
+    /** Walks the arguments; options may be given as "--name value" or "--name=value", and
+        short ones bundled: "-qy" is "-q -y", "-j4" is "-j 4". */
     class ArgumentReader
     {
     public:
         explicit ArgumentReader (const juce::StringArray& argsToRead) : args (argsToRead) {}
 
-        bool atEnd() const                      { return index >= args.size(); }
-        juce::String peek() const               { return atEnd() ? juce::String() : args[index]; }
+        bool atEnd() const                      { return bundle.isEmpty() && index >= args.size(); }
+        juce::String peek() const               { return bundle.isNotEmpty() ? bundle : index < args.size() ? args[index] : juce::String(); }
 
         juce::String next()
         {
             attached.reset();
-            auto arg = args[index++];
+            auto arg = bundle.isNotEmpty() ? std::exchange (bundle, {}) : args[index++];
 
             if (arg.startsWith ("--") && arg.containsChar ('='))
             {
                 attached = arg.fromFirstOccurrenceOf ("=", false, false);
                 arg = arg.upToFirstOccurrenceOf ("=", false, false);
+            }
+            else if (arg.length() > 2 && arg[0] == '-' && juce::CharacterFunctions::isLetter (arg[1]))
+            {
+                const auto rest = arg.substring (2);
+                arg = arg.substring (0, 2);
+
+                if (juce::String ("ioj").containsChar (arg[1]))
+                    attached = rest;
+                else
+                    bundle = "-" + rest;
             }
 
             return arg;
@@ -113,7 +143,7 @@ namespace
             if (attached)
                 return *std::exchange (attached, std::nullopt);
 
-            if (atEnd())
+            if (index >= args.size())
                 fail (option + " needs a value");
 
             return args[index++];
@@ -129,6 +159,7 @@ namespace
         const juce::StringArray& args;
         int index = 0;
         std::optional<juce::String> attached;
+        juce::String bundle;                    // the rest of "-qy" after "-q"
     };
 }
 
@@ -169,6 +200,23 @@ std::vector<ParameterInfo> describeParameters()
     return result;
 }
 
+void makeBatch (Options& options, const juce::String& folder, const juce::StringArray& inputs)
+{
+    options.outputFolder = folder;
+    options.input = {};
+    options.output = {};
+    options.batchInputs = inputs;
+
+    if (options.batchInputs.isEmpty())
+        fail ("missing INPUT files for the folder '" + folder + "'");
+
+    if (options.batchInputs.contains ("-") || folder == "-")
+        fail ("standard input and output take one file, not a batch");
+
+    if (options.demo || options.presetToSave.isNotEmpty() || options.plotFile.isNotEmpty())
+        fail ("a batch takes no --demo, --plot or --save-preset; run them on their own");
+}
+
 Options parseOptions (const juce::StringArray& args, const std::vector<ParameterInfo>& parameters)
 {
     Options options;
@@ -197,6 +245,11 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
         else if (option == "-V" || option == "--version")       flag (options.version);
         else if (option == "-i" || option == "--input")         options.input = reader.value (option);
         else if (option == "-o" || option == "--output")        options.output = reader.value (option);
+        else if (option == "--output-dir")                      options.outputFolder = reader.value (option);
+        else if (option == "--suffix")                          options.suffix = reader.value (option);
+        else if (option == "-j" || option == "--jobs")          options.jobs = integerIn (option, reader.value (option), 1, 64);
+        else if (option == "--analyse" || option == "--analyze") flag (options.analyse);
+        else if (option == "--match-loudness")                  flag (options.matchLoudness);
         else if (option == "-y" || option == "--overwrite")     flag (options.overwrite);
         else if (option == "-q" || option == "--quiet")         flag (options.quiet);
         else if (option == "-v" || option == "--verbose")       flag (options.verbose);
@@ -223,6 +276,16 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
                 fail (option + ": '" + text + "' is not 16, 24 or 32 (32 = float)");
 
             options.bitDepth = (int) *bits;
+        }
+        else if (option == "--format")
+        {
+            const auto text = reader.value (option);
+            const auto extension = "." + text.trimCharactersAtStart (".").toLowerCase();
+
+            if (! juce::StringArray { ".wav", ".aif", ".aiff", ".flac" }.contains (extension))
+                fail (option + ": '" + text + "' is not wav, aiff or flac");
+
+            options.outputExtension = extension;
         }
         else if (option == "--demo")
         {
@@ -269,8 +332,22 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
         }
     }
 
+    // Several inputs, or an output folder: a batch, every input rendered into the folder.
+    if (options.outputFolder.isNotEmpty() || (positional.size() >= 2 && options.output.isNotEmpty()))
+    {
+        if (options.outputFolder.isNotEmpty() && options.output.isNotEmpty())
+            fail ("give either -o/--output or --output-dir, not both");
+
+        if (options.input.isNotEmpty())
+            positional.insert (0, options.input);
+
+        options.input = {};
+        makeBatch (options, options.outputFolder.isNotEmpty() ? options.outputFolder : options.output, positional);
+        return options;
+    }
+
     if (positional.size() > 2)
-        fail ("too many file names: '" + positional[2] + "' (expected INPUT OUTPUT)");
+        fail ("too many file names: '" + positional[2] + "' (for several inputs give -o FOLDER)");
 
     if (positional.size() >= 1)
     {
@@ -302,6 +379,12 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
 
     if (options.output.isNotEmpty() && options.input.isEmpty())
         fail ("missing INPUT file for '" + options.output + "'");
+
+    if (options.analyse && options.input.isEmpty())
+        fail ("--analyse measures a render: give INPUT and OUTPUT files");
+
+    if (options.matchLoudness && options.input.isEmpty())
+        fail ("--match-loudness sets the trim for a render: give INPUT and OUTPUT files");
 
     if (! options.demo && options.input.isEmpty() && options.plotFile.isEmpty() && options.presetToSave.isEmpty())
         fail ("nothing to do: give INPUT and OUTPUT files, --plot, --save-preset or --demo (see --help)");
@@ -355,16 +438,24 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
 {
     juce::String text;
     text << "Usage: quenda-render [options] INPUT OUTPUT\n"
+            "       quenda-render [options] INPUT... -o FOLDER\n"
             "       quenda-render --demo [FOLDER]\n"
             "       quenda-render --list-params [--json]\n"
             "\n"
             "Runs an audio file through the Quenda equaliser (the plug-in's own processor).\n"
             "WAV, AIFF and FLAC in and out; the OUTPUT's extension picks its format. Mono or stereo.\n"
+            "'-' as INPUT reads a WAV or FLAC stream from standard input; as OUTPUT, writes WAV to\n"
+            "standard output.\n"
             "\n"
             "Files:\n"
             "  -i, --input FILE          input file (or the first file name)\n"
             "  -o, --output FILE         output file (or the second file name)\n"
             "  -y, --overwrite           replace OUTPUT (and --plot/--save-preset files) if they exist\n"
+            "  -o FOLDER, --output-dir FOLDER\n"
+            "                            a batch: every INPUT into FOLDER under its own name\n"
+            "  --suffix TEXT             added to each name in FOLDER (\"-warm\": mix-warm.wav)\n"
+            "  --format wav|aiff|flac    the format of the files in FOLDER (default: each input's)\n"
+            "  -j, --jobs N              files rendered at once, 1 .. 64 (default: one per core)\n"
             "  --bit-depth 16|24|32      output sample format; 32 = float; default: as the input\n"
             "                            (16 bits get TPDF dither from a fixed seed)\n"
             "\n"
@@ -384,7 +475,9 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
                  << ", default " << formatValue (parameter.defaultValue) << "\n";
     }
 
-    text << "                            (tilt +1 falls by 1 dB per octave about 1300 Hz, -1 rises)\n"
+    text << "                            (tilt +1 falls by 1 dB per octave about 1300 Hz, -1 rises;\n"
+            "                            between, that kernel is blended with the dry signal)\n"
+            "                            (frequencies also as 0.12k, 9k or 9 kHz)\n"
             "  --param ID=VALUE          any parameter by its ID (see --list-params)\n"
             "  --preset FILE             load a saved state (the plug-in's own state block);\n"
             "                            options given as well override it\n"
@@ -395,6 +488,10 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
             "                            instead of trimming it and flushing the tail\n"
             "  --block-size N            samples per processing block, 1 .. 65536 (default 512)\n"
             "  --plot FILE.png           draw the magnitude response of the settings\n"
+            "  --analyse, --analyze      print the octave band levels and the integrated loudness\n"
+            "                            of the input and the output, and their change\n"
+            "  --match-loudness          set the trim so that the output's integrated loudness\n"
+            "                            (ITU-R BS.1770) equals the input's\n"
             "  --demo [FOLDER]           render a generated demo into FOLDER (default quenda-demo)\n"
             "  --list-params [--json]    list parameter IDs, names, defaults and ranges\n"
             "\n"
@@ -404,7 +501,7 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
             "  -h, --help                this text\n"
             "  -V, --version             the version (and the build's git hash)\n"
             "\n"
-            "Exit status:\n"
+            "Exit status (of a batch: the first file that failed):\n"
             "  0    success\n"
             "  1    internal error\n"
             "  2    bad usage: unknown option, missing or out-of-range value\n"

@@ -29,7 +29,14 @@ namespace cli
 
     struct Options
     {
-        juce::String input, output;
+        juce::String input, output;         // "-" is standard input / output
+
+        // A batch: every input rendered into one folder under its own name.
+        juce::StringArray batchInputs;
+        juce::String outputFolder;
+        juce::String suffix;                // added to each output's name
+        juce::String outputExtension;       // ".flac"; empty: each input's own
+        int jobs = 0;                       // files at once; 0: one per core
 
         // In command-line order, applied after the preset so that they override it.
         std::vector<std::pair<juce::String, float>> parameterValues;
@@ -49,13 +56,20 @@ namespace cli
         bool listParameters = false;
         bool json = false;
         bool demo = false;
+        bool analyse = false;
+        bool matchLoudness = false;
         juce::String demoFolder = "quenda-demo";
 
         bool rendersFile() const            { return input.isNotEmpty(); }
+        bool isBatch() const                { return outputFolder.isNotEmpty(); }
     };
 
     /** Throws CliError (badUsage) with a one-line message for anything it cannot accept. */
     Options parseOptions (const juce::StringArray& args, const std::vector<ParameterInfo>& parameters);
+
+    /** Turns the options into a batch of the inputs into the folder; throws CliError
+        (badUsage) for what a batch cannot take. */
+    void makeBatch (Options& options, const juce::String& folder, const juce::StringArray& inputs);
 
     juce::String helpText (const std::vector<ParameterInfo>& parameters);
 

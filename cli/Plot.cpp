@@ -71,9 +71,23 @@ juce::String describeSettings (QuendaAudioProcessor& processor)
 
     const auto tilt = values[ParameterTable::tiltIndex];
 
+    // Between the ends the tilt is a cross-fade of the 1 dB/oct kernel with the dry signal,
+    // not a shallower slope: say so rather than print a slope it does not have.
+    const auto magnitude = std::abs (tilt);
+    const auto direction = juce::String (tilt > 0.0f ? "falling" : "rising");
+    const auto percent = (int) std::round (magnitude * 100.0f);
+
     juce::String text;
-    text << "tilt " << juce::String (tilt, 2) << " (" << (tilt > 0.0f ? "-" : "+") << juce::String (std::abs (tilt), 2) << " dB/oct)"
-         << ", low " << juce::String (values[ParameterTable::lowIndex], 1) << " dB @ "
+    text << "tilt " << juce::String (tilt, 2) << " (";
+
+    if (magnitude == 0.0f)
+        text << "off)";
+    else if (magnitude == 1.0f)
+        text << direction << " 1 dB/oct)";
+    else
+        text << percent << " % " << direction << " 1 dB/oct blended with " << (100 - percent) << " % dry)";
+
+    text << ", low " << juce::String (values[ParameterTable::lowIndex], 1) << " dB @ "
          << juce::String (values[ParameterTable::lowFreqIndex], 0) << " Hz"
          << ", high " << juce::String (values[ParameterTable::highIndex], 1) << " dB @ "
          << juce::String (values[ParameterTable::highFreqIndex], 0) << " Hz"
