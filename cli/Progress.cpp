@@ -19,6 +19,22 @@ namespace
     }
 }
 
+juce::String batchProgressLine (int filesFinished, int numFiles, double fraction, double elapsed)
+{
+    constexpr int width = 30;
+    fraction = juce::jlimit (0.0, 1.0, fraction);
+    const auto filled = (int) (fraction * width);
+
+    juce::String line ("[");
+    line << juce::String::repeatedString ("#", filled) << juce::String::repeatedString ("-", width - filled) << "] "
+         << juce::String ((int) (fraction * 100.0)).paddedLeft (' ', 3) << "%  " << filesFinished << " of " << numFiles << " files";
+
+    if (elapsed > 0.0 && fraction > 0.0)
+        line << "  ETA " << minutesAndSeconds (elapsed * (1.0 - fraction) / fraction);
+
+    return line;
+}
+
 bool stderrIsTerminal()
 {
     return ::isatty (STDERR_FILENO) == 1;

@@ -31,6 +31,9 @@ namespace cli
         bool drawn = false;
     };
 
+    /** A batch's one line: its bar, files finished and the time left. */
+    juce::String batchProgressLine (int filesFinished, int numFiles, double fraction, double elapsedSeconds);
+
     /** Whether stderr is an interactive terminal. */
     bool stderrIsTerminal();
 }

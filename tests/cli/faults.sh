@@ -106,5 +106,22 @@ for entry in "${cases[@]}"; do
     check $?
 done
 
+# A batch interrupted while two jobs write: every job's temporary file goes, the input stays.
+name="SIGINT during a batch of two jobs" expected_status=130 pattern="interrupted (SIGINT)"
+dir=$work/case err=$work/case/stderr
+rm -rf "$dir" && mkdir -p "$dir/out"
+cp "$work/original.wav" "$dir/in.wav" && cp "$work/original.wav" "$dir/expected-input.wav"
+cp "$work/other.wav" "$dir/second.wav"
+env --default-signal=INT "$render" "${slow[@]}" -j 2 "$dir/in.wav" "$dir/second.wav" -o "$dir/out" 2> "$err" &
+pid=$!
+for _ in $(seq 1 1000); do
+    [ "$(find "$dir/out" -name '.*.wav.*' -size +0 | wc -l)" -ge 2 ] && break
+    sleep 0.01
+done
+kill -INT $pid
+wait $pid
+check $?
+cases+=("$name")
+
 [ $failures -eq 0 ] && echo "all ${#cases[@]} fault cases passed" || echo "$failures of ${#cases[@]} fault cases failed"
 [ $failures -eq 0 ]
