@@ -11,7 +11,7 @@ packages=(
     libxcursor-dev libxext-dev libxinerama-dev libxrandr-dev libxrender-dev
     libflac-dev libvorbis-dev libogg-dev
     sordi
-    libebur128-dev sox
+    libebur128-dev sox hyperfine
     xvfb xauth x11-utils
     ardour
     lintian mmdebstrap desktop-file-utils man-db
