@@ -453,7 +453,7 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
             "  -y, --overwrite           replace OUTPUT (and --plot/--save-preset files) if they exist\n"
             "  -o FOLDER, --output-dir FOLDER\n"
             "                            a batch: every INPUT into FOLDER under its own name\n"
-            "  --suffix TEXT             added to each name in FOLDER (\"-warm\": mix-warm.wav)\n"
+            "  --suffix TEXT             added to each name in FOLDER (\"_warm\": mix_warm.wav)\n"
             "  --format wav|aiff|flac    the format of the files in FOLDER (default: each input's)\n"
             "  -j, --jobs N              files rendered at once, 1 .. 64 (default: one per core)\n"
             "  --bit-depth 16|24|32      output sample format; 32 = float; default: as the input\n"
