@@ -258,9 +258,9 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     if (reader->numChannels < 1 || reader->numChannels > 2)
         throw refuseChannels ((int) reader->numChannels);
 
-    if (! (reader->sampleRate >= 8000.0 && reader->sampleRate < 384000.0))
+    if (! (reader->sampleRate >= 8000.0 && reader->sampleRate <= 384000.0))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
-                                              + juce::String (reader->sampleRate) + " Hz (8000 to 383999 Hz)");
+                                              + juce::String (reader->sampleRate) + " Hz (8000 to 384000 Hz)");
 
     // Frames of absurd size make JUCE's WAV and AIFF readers loop without end.
     if (! isFlac() && reader->bitsPerSample != 8 && reader->bitsPerSample != 16

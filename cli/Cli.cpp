@@ -130,6 +130,24 @@ namespace
                 if (path->isNotEmpty() && *path != "-")
                     targets.add (resolve (*path));
 
+            // A missing or damaged input is the first thing to hear about, before any output question.
+            const auto renamed = [&] (const CliError& error)
+            {
+                return spool == nullptr ? error : CliError (error.code, spool->rename (error.what()));
+            };
+
+            std::unique_ptr<InputAudio> input;
+
+            try
+            {
+                if (options.input.isNotEmpty())
+                    input = std::make_unique<InputAudio> (inputFile);
+            }
+            catch (const CliError& error)
+            {
+                throw renamed (error);
+            }
+
             checkTargets (options.input.isNotEmpty() && ! fromStdin ? &inputFile : nullptr, targets, options.overwrite);
 
             // Settings are fixed before rendering changes the processor's play state.
@@ -137,19 +155,16 @@ namespace
             processor.getStateInformation (state);
             auto sampleRate = plotSampleRate;
 
-            if (options.input.isNotEmpty())
+            if (input != nullptr)
             {
                 try
                 {
-                    const auto result = renderFile (inputFile, toStdout ? stdoutSpoolTarget() : resolve (options.output));
+                    const auto result = renderFile (*input, toStdout ? stdoutSpoolTarget() : resolve (options.output));
                     sampleRate = result.sampleRate;
                 }
                 catch (const CliError& error)
                 {
-                    if (spool == nullptr)
-                        throw;
-
-                    throw CliError (error.code, spool->rename (error.what()));
+                    throw renamed (error);
                 }
             }
 
@@ -195,6 +210,12 @@ namespace
         Rendered renderFile (const juce::File& inputFile, const juce::File& outputFile)
         {
             InputAudio input (inputFile);
+            return renderFile (input, outputFile);
+        }
+
+        Rendered renderFile (InputAudio& input, const juce::File& outputFile)
+        {
+            const auto& inputFile = input.file;
             const auto format = chooseOutputFormat (outputFile, options.bitDepth, input.bitsPerSample(), input.isFloat());
             const auto sampleRate = input.sampleRate();
             const auto seconds = (double) input.length() / sampleRate;

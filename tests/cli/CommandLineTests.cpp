@@ -69,6 +69,8 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
         { { temp ("comments.aiff"), fresh },              ExitCode::badFormat,        "'COMT' chunk lists 65535 entries" },
         { { temp ("surround.wav"), fresh },               ExitCode::badFormat,        "has 3 channels" },
         { { temp ("missing.wav"), fresh },                ExitCode::inputUnreadable,  "no such file" },
+        { { temp ("missing.wav"), temp ("out.wav") },     ExitCode::inputUnreadable,  "no such file" },
+        { { temp ("text.wav"), temp ("out.wav") },        ExitCode::badFormat,        "not a WAV, AIFF or FLAC file" },
         { { temp ("folder.wav"), fresh },                 ExitCode::inputUnreadable,  "is a folder" },
     };
 

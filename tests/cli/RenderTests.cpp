@@ -77,6 +77,22 @@ TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
     EXPECT_NE (result.err.find (expected.toStdString()), std::string::npos) << result.err << "expected: " << expected;
 }
 
+TEST (Render, EveryRateFrom8To384kHz)
+{
+    TempFolder temp;
+    for (auto rate : { 8000.0, 384000.0 })
+    {
+        const auto name = juce::String (rate);
+        writeAudio (temp[name + ".wav"], noise (2, 4000), rate);
+        const auto result = render ({ temp (name + ".wav"), temp (name + "-out.wav"), "--tilt", "0.5" });
+        ASSERT_EQ (result.code, 0) << rate << ": " << result.err;
+        const auto loaded = readAudio (temp[name + "-out.wav"]);
+        EXPECT_EQ (loaded.sampleRate, rate);
+        EXPECT_EQ (loaded.audio.getNumSamples(), 4000);
+        EXPECT_GT (loaded.audio.getRMSLevel (0, 0, 4000), 0.1f) << rate;
+    }
+}
+
 TEST (Formats, RoundTripKeepsTheFormat)
 {
     TempFolder temp;
