@@ -5,6 +5,7 @@
 #include <FLAC/stream_decoder.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -294,6 +295,29 @@ void InputAudio::read (juce::AudioBuffer<float>& block, juce::int64 position, in
     // libFLAC reads ahead in large chunks, so a short read is normal there.
     if (watch->shortRead && ! isFlac())
         throw CliError (ExitCode::badFormat, quoted (file) + " is truncated: its audio data ends before the length its header gives");
+
+    // One bad sample would otherwise silence the processor's whole block, in both channels.
+    if (isFloat())
+    {
+        for (int channel = 0; channel < block.getNumChannels(); ++channel)
+        {
+            auto* samples = block.getWritePointer (channel);
+
+            for (int i = 0; i < numSamples; ++i)
+            {
+                if (std::isfinite (samples[i]))
+                    continue;
+
+                samples[i] = 0.0f;
+
+                if (replaced.count++ == 0 || position + i < replaced.firstPosition)
+                {
+                    replaced.firstPosition = position + i;
+                    replaced.firstChannel = channel;
+                }
+            }
+        }
+    }
 }
 
 void InputAudio::checkUnchanged() const

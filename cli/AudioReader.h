@@ -18,7 +18,8 @@ namespace cli
         explicit InputAudio (const juce::File& file);
         ~InputAudio();
 
-        /** Fills the block's first numSamples samples; throws CliError if the file ends early. */
+        /** Fills the block's first numSamples samples; throws CliError if the file ends early.
+            Non-finite samples come back as 0 and are counted. */
         void read (juce::AudioBuffer<float>& block, juce::int64 position, int numSamples);
 
         /** Throws CliError (inputUnreadable) if the file was replaced, rewritten or resized
@@ -34,9 +35,19 @@ namespace cli
         juce::String formatName() const         { return reader->getFormatName(); }
         bool isFlac() const                     { return formatName().containsIgnoreCase ("flac"); }
 
+        struct NonFinite
+        {
+            juce::int64 count = 0, firstPosition = -1;
+            int firstChannel = 0;
+        };
+
+        /** The non-finite samples replaced by silence so far. */
+        const NonFinite& nonFinite() const      { return replaced; }
+
     private:
         juce::String identity;                  // device, inode, size and modification time when opened
         ShortReadWatch* watch = nullptr;        // owned by the reader
         std::unique_ptr<juce::AudioFormatReader> reader;
+        NonFinite replaced;
     };
 }

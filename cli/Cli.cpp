@@ -33,6 +33,16 @@ namespace
         return gain > 0.0f ? juce::String (20.0 * std::log10 ((double) gain), 2) + " dBFS" : juce::String ("-inf dBFS");
     }
 
+    /** m:ss.mmm, or h:mm:ss.mmm, as players show a position. */
+    juce::String timeOf (juce::int64 position, double sampleRate)
+    {
+        const auto millis = (juce::int64) std::floor ((double) position * 1000.0 / sampleRate);
+        const auto seconds = millis / 1000, minutes = seconds / 60, hours = minutes / 60;
+        const auto two = [] (juce::int64 n) { return juce::String (n).paddedLeft ('0', 2); };
+        auto text = hours > 0 ? juce::String (hours) + ":" + two (minutes % 60) : juce::String (minutes);
+        return text + ":" + two (seconds % 60) + "." + juce::String (millis % 1000).paddedLeft ('0', 3);
+    }
+
     juce::String describeFormat (const OutputFormat& format)
     {
         return (format.bitDepth == 32 ? juce::String ("32-bit float ") : juce::String (format.bitDepth) + "-bit ")
@@ -201,6 +211,12 @@ namespace
                 err << "quenda-render: " << message << "\n";
         }
 
+        void warn (const juce::String& message)
+        {
+            if (! options.quiet)
+                err << "quenda-render: warning: " << message << "\n";
+        }
+
         void detail (const juce::String& message)
         {
             if (options.verbose && ! options.quiet)
@@ -278,6 +294,11 @@ namespace
                 copyToStdout (pending.temporary());
             else
                 pending.commit();
+
+            if (const auto& bad = input.nonFinite(); bad.count > 0)
+                warn (juce::String (bad.count) + " non-finite sample" + (bad.count == 1 ? "" : "s") + " replaced by silence, first at "
+                      + timeOf (bad.firstPosition, sampleRate)
+                      + (input.numChannels() == 2 ? (bad.firstChannel == 0 ? " (left)" : " (right)") : ""));
 
             juce::String summary;
             summary << "wrote " << outputName << " (" << juce::String (seconds, 2) << " s, "

@@ -93,6 +93,42 @@ TEST (Render, EveryRateFrom8To384kHz)
     }
 }
 
+TEST (Render, NonFiniteInputSamplesAloneBecomeSilenceWithAWarning)
+{
+    TempFolder temp;
+    auto clean = noise (2, 48000);
+    auto bad = clean;
+    const std::tuple<int, int, float> replaced[] { { 1, 30000, std::numeric_limits<float>::infinity() },
+                                                   { 0, 20016, std::numeric_limits<float>::quiet_NaN() },
+                                                   { 0, 40000, -std::numeric_limits<float>::infinity() } };
+    for (auto [channel, position, value] : replaced)
+    {
+        bad.setSample (channel, position, value);
+        clean.setSample (channel, position, 0.0f);
+    }
+    writeAudio (temp["bad.wav"], bad);
+    writeAudio (temp["clean.wav"], clean);
+
+    // Bypassed, the output is the input with the bad samples zeroed; processed, it is the
+    // render of the zeroed input, with no block silenced.
+    for (auto settings : { juce::StringArray { "--bypass" }, juce::StringArray { "--tilt", "0.5", "--lin-phase" } })
+    {
+        auto args = settings;
+        args.addArray ({ temp ("bad.wav"), temp ("bad-out.wav"), "-y" });
+        const auto result = render (args);
+        ASSERT_EQ (result.code, 0) << result.err;
+        EXPECT_NE (result.err.find ("warning: 3 non-finite samples replaced by silence, first at 0:00.417 (left)"), std::string::npos) << result.err;
+
+        args.set (args.size() - 3, temp ("clean.wav"));
+        args.set (args.size() - 2, temp ("clean-out.wav"));
+        ASSERT_EQ (render (args).code, 0);
+        const auto fromBad = readAudio (temp["bad-out.wav"]).audio, fromClean = readAudio (temp["clean-out.wav"]).audio;
+        for (int c = 0; c < 2; ++c)
+            for (int i = 0; i < clean.getNumSamples(); ++i)
+                ASSERT_EQ (fromBad.getSample (c, i), fromClean.getSample (c, i)) << settings.joinIntoString (" ") << " " << c << ", " << i;
+    }
+}
+
 TEST (Formats, RoundTripKeepsTheFormat)
 {
     TempFolder temp;
