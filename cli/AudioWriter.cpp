@@ -111,18 +111,35 @@ namespace
     constexpr int conversionChunk = 4096;
 
     constexpr float ditherScale = 32768.0f;
+    constexpr float stepTolerance = 1.0f / 65536.0f;    // of a step: about -186 dBFS
 
-    /** A 16-bit level of each of four samples: TPDF dither of +-1 step from two draws, half a
-        step, then floored, within the format's range. NaN gives 0. */
-    DitherNoise::Ints ditheredLevels (DitherNoise::Floats samples, DitherNoise::Words first, DitherNoise::Words second) noexcept
+    /** A 16-bit level of each of four samples: TPDF dither of +-1 step from two draws (times
+        ditherGain: 1 or 0), half a step, then floored, within the format's range. A sample
+        already on a step gets no dither, so audio the processing left alone comes out as it
+        went in. NaN gives 0. Lanes limited to the range count -1 in clips. */
+    DitherNoise::Ints ditheredLevels (DitherNoise::Floats samples, DitherNoise::Words first, DitherNoise::Words second,
+                                      float ditherGain, DitherNoise::Ints& clips) noexcept
     {
         using Ints = DitherNoise::Ints;
         using Floats = DitherNoise::Floats;
 
+        auto scaled = samples * ditherScale;
+        scaled = scaled == scaled ? scaled : Floats {};
+        const auto bounded = scaled < -2.0f * ditherScale ? Floats {} - 2.0f * ditherScale
+                           : (scaled > 2.0f * ditherScale ? Floats {} + 2.0f * ditherScale : scaled);
+        const auto roundedUp = bounded + 0.5f;
+        const auto truncatedUp = __builtin_convertvector (roundedUp, Ints);
+        const auto nearest = __builtin_convertvector (truncatedUp + (roundedUp < __builtin_convertvector (truncatedUp, Floats)), Floats);
+
+        // The processor's guards against denormals leave traces far below a step on silence.
+        const auto distance = bounded - nearest;
+        const auto onStep = (distance <= stepTolerance) & (distance >= -stepTolerance);
+
         // 24 bits of each draw: their difference converts exactly.
-        const auto dither = __builtin_convertvector ((Ints) (first >> 8) - (Ints) (second >> 8), Floats) * (1.0f / 16777216.0f);
-        auto exact = samples * ditherScale + dither + 0.5f;
-        exact = exact == exact ? exact : Floats {};
+        auto dither = __builtin_convertvector ((Ints) (first >> 8) - (Ints) (second >> 8), Floats) * (ditherGain / 16777216.0f);
+        dither = onStep ? Floats {} : dither;
+        auto exact = (onStep ? nearest : bounded) + dither + 0.5f;
+        clips += (exact < -ditherScale) | (exact >= ditherScale);
         exact = exact < -ditherScale ? Floats {} - ditherScale : exact;
         const auto limited = exact > ditherScale - 1.0f ? Floats {} + (ditherScale - 1.0f) : exact;
         const auto truncated = __builtin_convertvector (limited, Ints);
@@ -153,7 +170,7 @@ DitherNoise::DitherNoise (std::uint64_t seed) noexcept
 
 AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat& format, double sampleRate, int numChannels)
     : file (target.temporary()), destination (target.destination()), bitDepth (format.bitDepth),
-      outcome (std::make_shared<WriteOutcome>())
+      ditherGain (format.dither ? 1.0f : 0.0f), outcome (std::make_shared<WriteOutcome>())
 {
     auto fileStream = std::make_unique<juce::FileOutputStream> (file);
 
@@ -210,7 +227,7 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
             beyondFullScale += (std::int32_t) (number > fullScale);
         }
 
-        clipped += beyondFullScale;
+        overFullScale += beyondFullScale;
     }
 
     std::memcpy (&peakLevel, &largest, sizeof (peakLevel));
@@ -259,7 +276,11 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
                 for (int i = 0; i < count; ++i)
                     samples[ditherPhase + i] = source[i];
 
-                const auto levels = ditheredLevels (samples, draws.first, draws.second) * 65536;
+                DitherNoise::Ints clips {};
+                const auto levels = ditheredLevels (samples, draws.first, draws.second, ditherGain, clips) * 65536;
+
+                for (int i = 0; i < count; ++i)
+                    clipped16 -= clips[ditherPhase + i];
 
                 for (int i = 0; i < count; ++i)
                     target[i] = levels[ditherPhase + i];
@@ -282,14 +303,18 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
             auto* target = integerSamples.data() + (size_t) channel * conversionChunk;
             auto& noise = dither[(size_t) channel];
 
+            DitherNoise::Ints clips {};
+
             for (int i = done; i + DitherNoise::lanes <= numSamples; i += DitherNoise::lanes)
             {
                 DitherNoise::Floats samples;
                 std::memcpy (&samples, source + i, sizeof (samples));
                 const auto first = noise.next();
-                const auto levels = ditheredLevels (samples, first, noise.next()) * 65536;
+                const auto levels = ditheredLevels (samples, first, noise.next(), ditherGain, clips) * 65536;
                 std::memcpy (target + i, &levels, sizeof (levels));
             }
+
+            clipped16 -= (juce::int64) clips[0] + clips[1] + clips[2] + clips[3];
         }
 
         done += (numSamples - done) / DitherNoise::lanes * DitherNoise::lanes;

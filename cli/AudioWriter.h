@@ -17,6 +17,7 @@ namespace cli
     {
         std::unique_ptr<juce::AudioFormat> format;
         int bitDepth = 24;                      // 32 means float
+        bool dither = true;                     // TPDF at 16 bits
     };
 
     /** The format from the output's extension; the bit depth as asked, or the input's
@@ -47,8 +48,9 @@ namespace cli
         Words x, y, z, w;
     };
 
-    /** Writes float blocks, adding TPDF dither from a fixed seed at 16 bits, and keeps the
-        peak and the count of samples beyond full scale. */
+    /** Writes float blocks, adding TPDF dither from a fixed seed at 16 bits to the samples
+        between two steps, and keeps the peak and the counts of samples beyond full scale
+        and of samples the integer format had to limit. */
     class AudioFileWriter
     {
     public:
@@ -63,13 +65,20 @@ namespace cli
         void close();
 
         float peak() const noexcept             { return peakLevel; }
-        juce::int64 clippedSamples() const noexcept { return clipped; }
+        juce::int64 samplesOverFullScale() const noexcept { return overFullScale; }
+
+        /** Samples written at the format's limit instead of their level; 0 for float. */
+        juce::int64 clippedSamples() const noexcept
+        {
+            return bitDepth == 32 ? 0 : (bitDepth == 16 ? clipped16 : overFullScale);
+        }
 
     private:
         void convert (const juce::AudioBuffer<float>& block, int start, int numSamples);
 
         const juce::File file, destination;
         const int bitDepth;
+        const float ditherGain;
         std::shared_ptr<WriteOutcome> outcome;
         std::unique_ptr<juce::AudioFormatWriter> writer;
         std::vector<int> integerSamples;        // per channel, left-justified as the format writers take them
@@ -79,6 +88,6 @@ namespace cli
         std::vector<DrawPair> ditherDraws;      // per channel, for the current four samples
         int ditherPhase = 0;                    // samples of those four written so far
         float peakLevel = 0.0f;
-        juce::int64 clipped = 0;
+        juce::int64 overFullScale = 0, clipped16 = 0;
     };
 }

@@ -232,7 +232,8 @@ namespace
         Rendered renderFile (InputAudio& input, const juce::File& outputFile)
         {
             const auto& inputFile = input.file;
-            const auto format = chooseOutputFormat (outputFile, options.bitDepth, input.bitsPerSample(), input.isFloat());
+            auto format = chooseOutputFormat (outputFile, options.bitDepth, input.bitsPerSample(), input.isFloat());
+            format.dither = options.dither;
             const auto sampleRate = input.sampleRate();
             const auto seconds = (double) input.length() / sampleRate;
             const auto inputName = options.input == "-" ? juce::String ("standard input") : inputFile.getFullPathName();
@@ -256,7 +257,7 @@ namespace
                     + (options.latencyCompensation ? "compensated" : "kept (--no-latency-compensation)")
                     + "; block size " + juce::String (options.blockSize));
             detail ("output:   " + outputName + ": " + describeFormat (format)
-                    + (format.bitDepth == 16 ? " with TPDF dither" : ""));
+                    + (format.bitDepth == 16 && format.dither ? " with TPDF dither" : ""));
 
             AudioFileWriter writer (pending, format, sampleRate, input.numChannels());
             ProgressBar bar (err, ! options.quiet && ! toStdout && ! batchProgress && seconds > 1.0 && stderrIsTerminal(), sampleRate);
@@ -303,8 +304,13 @@ namespace
             juce::String summary;
             summary << "wrote " << outputName << " (" << juce::String (seconds, 2) << " s, "
                     << juce::String (sampleRate, 0) << " Hz, " << (input.numChannels() == 1 ? "mono" : "stereo") << ", "
-                    << describeFormat (format) << "): peak " << decibels (writer.peak()) << ", "
-                    << juce::String (writer.clippedSamples()) << " clipped samples";
+                    << describeFormat (format) << "): peak " << decibels (writer.peak()) << ", ";
+
+            // A float file keeps what lies beyond full scale; only an integer format clips.
+            if (format.bitDepth == 32)
+                summary << juce::String (writer.samplesOverFullScale()) << " samples over 0 dBFS";
+            else
+                summary << juce::String (writer.clippedSamples()) << " clipped samples";
 
             if (writer.clippedSamples() > 0)
                 summary << " (lower --trim to avoid clipping)";

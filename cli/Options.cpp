@@ -287,6 +287,15 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
 
             options.outputExtension = extension;
         }
+        else if (option == "--dither")
+        {
+            const auto text = reader.value (option);
+
+            if (text != "tpdf" && text != "none")
+                fail (option + ": '" + text + "' is not tpdf or none");
+
+            options.dither = text == "tpdf";
+        }
         else if (option == "--demo")
         {
             options.demo = true;
@@ -458,6 +467,8 @@ juce::String helpText (const std::vector<ParameterInfo>& parameters)
             "  -j, --jobs N              files rendered at once, 1 .. 64 (default: one per core)\n"
             "  --bit-depth 16|24|32      output sample format; 32 = float; default: as the input\n"
             "                            (16 bits get TPDF dither from a fixed seed)\n"
+            "  --dither tpdf|none        dither at 16 bits (default tpdf); samples the settings\n"
+            "                            leave on a 16-bit step are written unchanged either way\n"
             "\n"
             "Settings:\n";
 

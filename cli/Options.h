@@ -44,6 +44,7 @@ namespace cli
         juce::String presetToLoad, presetToSave, plotFile;
 
         int bitDepth = 0;                   // 0: follow the input
+        bool dither = true;                 // TPDF at 16 bits; false: plain rounding
         int blockSize = 512;
         bool latencyCompensation = true;
 

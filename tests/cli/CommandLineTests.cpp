@@ -53,6 +53,7 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
         { { in, fresh, "--tilt", "1.5" },                 ExitCode::badUsage,         "outside -1 .. 1" },
         { { in, fresh, "--param", "warmth=1" },           ExitCode::badUsage,         "unknown parameter 'warmth'" },
         { { in, fresh, "--bit-depth", "20" },             ExitCode::badUsage,         "not 16, 24 or 32" },
+        { { in, fresh, "--dither", "shaped" },            ExitCode::badUsage,         "not tpdf or none" },
         { { in },                                         ExitCode::badUsage,         "missing OUTPUT" },
         { { in, temp ("new.flac"), "--bit-depth", "32" }, ExitCode::badUsage,         "needs a WAV output" },
         { { in, temp ("new.mp3") },                       ExitCode::badFormat,        "unsupported output format '.mp3'" },

@@ -55,7 +55,7 @@ TEST (Render, OutputLinesUpWithTheInput)
             ASSERT_EQ (outputs[5].getSample (0, i), outputs[3].getSample (c, i)) << c << ", " << i;
 }
 
-TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
+TEST (Render, SummaryCountsSamplesOverFullScaleForFloatAndRealClipsForIntegers)
 {
     TempFolder temp;
     auto loud = noise (2, 4800);
@@ -68,13 +68,37 @@ TEST (Render, SummaryGivesThePeakAndTheSamplesBeyondFullScale)
     // The output is float like the input, so it holds exactly what the summary measured.
     const auto written = readAudio (temp["out.wav"]).audio;
     const auto peak = written.getMagnitude (0, written.getNumSamples());
-    long beyond = 0;
-    for (int c = 0; c < written.getNumChannels(); ++c)
-        beyond += std::count_if (written.getReadPointer (c), written.getReadPointer (c) + written.getNumSamples(), [] (float x) { return std::abs (x) > 1.0f; });
+    auto count = [&] (auto isBeyond)
+    {
+        long n = 0;
+        for (int c = 0; c < written.getNumChannels(); ++c)
+            n += std::count_if (written.getReadPointer (c), written.getReadPointer (c) + written.getNumSamples(), isBeyond);
+        return n;
+    };
 
-    ASSERT_GT (beyond, 0);
-    const auto expected = juce::String (20.0 * std::log10 ((double) peak), 2) + " dBFS, " + juce::String (beyond) + " clipped samples";
+    const auto over = count ([] (float x) { return std::abs (x) > 1.0f; });
+    ASSERT_GT (over, 0);
+    const auto expected = juce::String (20.0 * std::log10 ((double) peak), 2) + " dBFS, " + juce::String (over) + " samples over 0 dBFS";
     EXPECT_NE (result.err.find (expected.toStdString()), std::string::npos) << result.err << "expected: " << expected;
+    EXPECT_EQ (result.err.find ("clip"), std::string::npos) << result.err;
+
+    // Integer files count the samples they had to limit: at 16 bits those that round past the
+    // top step, which the float count misses.
+    const auto clipped16 = count ([] (float x) { const auto level = std::floor ((double) x * 32768.0 + 0.5); return level < -32768.0 || level > 32767.0; });
+    ASSERT_GE (clipped16, over);
+    for (auto [depth, clipped] : { std::pair { "16", clipped16 }, std::pair { "24", over } })
+    {
+        const auto integer = render ({ temp ("loud.wav"), temp ("out" + juce::String (depth) + ".wav"), "--high", "2", "--bit-depth", depth, "--dither", "none" });
+        ASSERT_EQ (integer.code, 0) << integer.err;
+        EXPECT_NE (integer.err.find (", " + std::to_string (clipped) + " clipped samples (lower --trim"), std::string::npos) << depth << ": " << integer.err;
+    }
+
+    // Full scale itself is no step of a 16-bit file.
+    juce::AudioBuffer<float> full (1, 100);
+    juce::FloatVectorOperations::fill (full.getWritePointer (0), 1.0f, 100);
+    writeAudio (temp["full.wav"], full);
+    EXPECT_NE (render ({ temp ("full.wav"), temp ("full-float.wav"), "--bypass" }).err.find (", 0 samples over 0 dBFS"), std::string::npos);
+    EXPECT_NE (render ({ temp ("full.wav"), temp ("full-16.wav"), "--bypass", "--bit-depth", "16" }).err.find (", 100 clipped samples"), std::string::npos);
 }
 
 TEST (Render, EveryRateFrom8To384kHz)
@@ -150,6 +174,40 @@ TEST (Formats, RoundTripKeepsTheFormat)
                    std::make_tuple (44100.0, channels, 4410, outBits, outBits == 32)) << output;
         EXPECT_TRUE (loaded.format.containsIgnoreCase (temp[output].getFileExtension().substring (1))) << loaded.format;
     }
+}
+
+TEST (Formats, SixteenBitsPassThroughUnchangedWhereTheSettingsLeaveTheSteps)
+{
+    TempFolder temp;
+    writeAudio (temp["in.wav"], noise (2, 20000), 44100.0, 16);
+    const auto input = readAudio (temp["in.wav"]).audio;
+
+    for (auto settings : { juce::StringArray { "--bypass" }, juce::StringArray {}, juce::StringArray { "--dither", "none" } })
+    {
+        auto args = settings;
+        args.addArray ({ temp ("in.wav"), temp ("out.wav"), "-y", "-q" });
+        ASSERT_EQ (render (args).code, 0);
+        const auto output = readAudio (temp["out.wav"]);
+        ASSERT_EQ (output.bits, 16);
+        for (int c = 0; c < 2; ++c)
+            for (int i = 0; i < input.getNumSamples(); ++i)
+                ASSERT_EQ (output.audio.getSample (c, i), input.getSample (c, i)) << settings.joinIntoString (" ") << " " << c << ", " << i;
+    }
+
+    // Processed audio is still dithered, unless asked not to be: then it is rounded.
+    ASSERT_EQ (render ({ temp ("in.wav"), temp ("float.wav"), "--tilt", "0.5", "--bit-depth", "32", "-q" }).code, 0);
+    ASSERT_EQ (render ({ temp ("in.wav"), temp ("tpdf.wav"), "--tilt", "0.5", "-q" }).code, 0);
+    ASSERT_EQ (render ({ temp ("in.wav"), temp ("none.wav"), "--tilt", "0.5", "--dither", "none", "-q" }).code, 0);
+    const auto exact = readAudio (temp["float.wav"]).audio, dithered = readAudio (temp["tpdf.wav"]).audio, rounded = readAudio (temp["none.wav"]).audio;
+    int roundedWrong = 0, ditherMoved = 0;
+    for (int i = 0; i < exact.getNumSamples(); ++i)
+    {
+        const auto nearest = std::floor ((double) exact.getSample (0, i) * 32768.0 + 0.5);
+        roundedWrong += (int) (rounded.getSample (0, i) * 32768.0 != nearest);
+        ditherMoved += (int) (dithered.getSample (0, i) * 32768.0 != nearest);
+    }
+    EXPECT_EQ (roundedWrong, 0);
+    EXPECT_GT (ditherMoved, exact.getNumSamples() / 10);
 }
 
 TEST (Formats, SixteenBitDitherIsReproducible)
