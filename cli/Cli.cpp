@@ -61,8 +61,7 @@ namespace
                 if (isSameFile (targets[i], targets[j]))
                     throw CliError (ExitCode::badUsage, quoted (targets[i]) + " is given for two different results");
 
-            if (targets[i].exists() && ! overwrite)
-                throw CliError (ExitCode::outputExists, quoted (targets[i]) + " exists; use -y/--overwrite to replace it");
+            refuseToReplace (targets[i], overwrite);
         }
     }
 
@@ -180,13 +179,13 @@ namespace
 
             if (options.plotFile.isNotEmpty())
             {
-                writeResponsePlot (processor, sampleRate, resolve (options.plotFile), options.overwrite);
+                notes (writeResponsePlot (processor, sampleRate, resolve (options.plotFile), options.overwrite));
                 note ("wrote " + resolve (options.plotFile).getFullPathName());
             }
 
             if (options.presetToSave.isNotEmpty())
             {
-                writeFileSafely (resolve (options.presetToSave), state, options.overwrite);
+                notes (writeFileSafely (resolve (options.presetToSave), state, options.overwrite));
                 note ("wrote " + resolve (options.presetToSave).getFullPathName());
             }
 
@@ -209,6 +208,12 @@ namespace
         {
             if (! options.quiet)
                 err << "quenda-render: " << message << "\n";
+        }
+
+        void notes (const juce::StringArray& messages)
+        {
+            for (const auto& message : messages)
+                note (message);
         }
 
         void warn (const juce::String& message)
@@ -295,6 +300,8 @@ namespace
                 copyToStdout (pending.temporary());
             else
                 pending.commit();
+
+            notes (pending.notices());
 
             if (const auto& bad = input.nonFinite(); bad.count > 0)
                 warn (juce::String (bad.count) + " non-finite sample" + (bad.count == 1 ? "" : "s") + " replaced by silence, first at "
@@ -592,6 +599,7 @@ namespace
             writer.write (audio, 0, audio.getNumSamples());
             writer.close();
             pending.commit();
+            notes (pending.notices());
             note ("wrote " + target.getFullPathName());
         }
 
@@ -627,7 +635,7 @@ namespace
 
             writeBuffer (signal, sampleRate, original);
             writeBuffer (result, sampleRate, processed);
-            writeResponsePlot (processor, sampleRate, plot, options.overwrite);
+            notes (writeResponsePlot (processor, sampleRate, plot, options.overwrite));
             note ("wrote " + plot.getFullPathName());
 
             out << "Demo settings: " << describeSettings (processor) << "\n\n"

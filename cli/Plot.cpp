@@ -201,7 +201,7 @@ juce::Image drawResponse (const ResponseCurve& curve, const juce::String& captio
     return image;
 }
 
-void writeResponsePlot (QuendaAudioProcessor& processor, double sampleRate, const juce::File& target, bool overwrite)
+juce::StringArray writeResponsePlot (QuendaAudioProcessor& processor, double sampleRate, const juce::File& target, bool overwrite)
 {
     const auto image = drawResponse (measureResponse (processor, sampleRate), "Quenda: " + describeSettings (processor));
 
@@ -210,6 +210,6 @@ void writeResponsePlot (QuendaAudioProcessor& processor, double sampleRate, cons
     if (! juce::PNGImageFormat().writeImageToStream (image, png))
         throw CliError (ExitCode::internalError, "could not encode the response plot as PNG");
 
-    writeFileSafely (target, png.getMemoryBlock(), overwrite);
+    return writeFileSafely (target, png.getMemoryBlock(), overwrite);
 }
 }

@@ -25,6 +25,7 @@ namespace cli
     /** One line describing the processor's settings, for captions and verbose output. */
     juce::String describeSettings (QuendaAudioProcessor& processor);
 
-    /** Measures, draws and writes the PNG through a temporary file. Throws CliError. */
-    void writeResponsePlot (QuendaAudioProcessor& processor, double sampleRate, const juce::File& target, bool overwrite);
+    /** Measures, draws and writes the PNG through a temporary file; returns what writing it
+        has to tell. Throws CliError. */
+    juce::StringArray writeResponsePlot (QuendaAudioProcessor& processor, double sampleRate, const juce::File& target, bool overwrite);
 }

@@ -11,6 +11,7 @@
 #include "Render.h"
 
 #include <cstring>
+#include <sys/stat.h>
 
 namespace cli::test
 {
@@ -97,6 +98,42 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
     std::memcpy (static_cast<char*> (tagged.getData()) + 4, &riffSize, 4);
     temp["tagged.wav"].replaceWithData (tagged.getData(), tagged.getSize());
     EXPECT_EQ (render ({ temp ("tagged.wav"), temp ("tagged-out.wav"), "-q" }).code, 0);
+}
+
+TEST (Output, LinksAreWrittenThroughAndReadOnlyFilesReplacedOnlyWhenAsked)
+{
+    TempFolder temp;
+    writeAudio (temp["in.wav"], noise (2, 1000));
+    temp["real"].createDirectory();
+    temp["real/old.wav"].replaceWithText ("old");
+    ASSERT_TRUE (temp["real/old.wav"].createSymbolicLink (temp["old.wav"], false));
+    ASSERT_TRUE (temp["real/new.wav"].createSymbolicLink (temp["new.wav"], false));     // leads nowhere yet
+
+    // The links stay links; the files they lead to get the audio, without a temporary left over.
+    for (auto [name, args] : { std::pair { "old.wav", juce::StringArray { "-y" } }, std::pair { "new.wav", juce::StringArray {} } })
+    {
+        args.addArray ({ temp ("in.wav"), temp (name), "-q" });
+        ASSERT_EQ (render (args).code, 0) << name;
+        EXPECT_TRUE (temp[name].isSymbolicLink()) << name;
+        EXPECT_EQ (readAudio (temp["real"].getChildFile (name)).audio.getNumSamples(), 1000) << name;
+    }
+    EXPECT_EQ (temp["real"].getNumberOfChildFiles (juce::File::findFilesAndDirectories), 2);
+
+    // A read-only file is named as such when refused, and replaced only with -y, which says so.
+    temp["locked.wav"].replaceWithText ("keep me");
+    ASSERT_EQ (::chmod (temp ("locked.wav").toRawUTF8(), 0444), 0);
+    auto result = render ({ temp ("in.wav"), temp ("locked.wav") });
+    EXPECT_EQ (result.code, (int) ExitCode::outputExists);
+    EXPECT_NE (result.err.find ("locked.wav' exists and is read-only; use -y/--overwrite"), std::string::npos) << result.err;
+    EXPECT_EQ (temp["locked.wav"].loadFileAsString(), "keep me");
+
+    result = render ({ temp ("in.wav"), temp ("locked.wav"), "-y" });
+    EXPECT_EQ (result.code, 0);
+    EXPECT_NE (result.err.find ("replaced '" + temp ("locked.wav").toStdString() + "', which was read-only"), std::string::npos) << result.err;
+    EXPECT_EQ (readAudio (temp["locked.wav"]).audio.getNumSamples(), 1000);
+    struct stat info {};
+    ASSERT_EQ (::stat (temp ("locked.wav").toRawUTF8(), &info), 0);
+    EXPECT_EQ (info.st_mode & 0777, 0444u) << "the replacement keeps the file's mode";
 }
 
 // JUCE's own check passes overlong forms, which then overflow its string buffers.

@@ -123,5 +123,29 @@ wait $pid
 check $?
 cases+=("$name")
 
+# A render killed outright leaves its temporary file; the next render of the same output
+# removes it, but not one whose process is still running.
+name="temporary file of a killed render"
+dir=$work/killed && mkdir -p "$dir/out"
+"$render" "${slow[@]}" "$work/original.wav" "$dir/out/out.wav" 2> /dev/null &
+pid=$!
+if wait_for_temp "$dir/out" $pid; then
+    kill -KILL $pid; wait $pid 2> /dev/null
+    left=$(ls -A "$dir/out")
+    touch "$dir/out/.out.wav.$$.abcdef"
+    "$render" -q "$work/original.wav" "$dir/out/out.wav"
+    remaining=$(ls -A "$dir/out" | tr '\n' ' ')
+    if [ -n "$left" ] && [ "$remaining" = ".out.wav.$$.abcdef out.wav " ]; then
+        echo "ok    $name"
+    else
+        echo "FAIL  $name: left '$left', then after a new render: $remaining"
+        failures=$((failures + 1))
+    fi
+else
+    echo "FAIL  $name: the render ended before it could be killed"
+    failures=$((failures + 1))
+fi
+cases+=("$name")
+
 [ $failures -eq 0 ] && echo "all ${#cases[@]} fault cases passed" || echo "$failures of ${#cases[@]} fault cases failed"
 [ $failures -eq 0 ]
