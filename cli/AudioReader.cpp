@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AudioReader.h"
 #include "CliError.h"
+#include "WavReader.h"
 
 #include <FLAC/stream_decoder.h>
 
@@ -122,8 +123,11 @@ namespace
         unsafely start (WAV XML: read past the end of malformed text, or an endless loop on
         some damaged XML; AIFF 'cate': read past the chunk). Renders need none of them. */
     /** Also notes the most channels any WAV format chunk declares: JUCE's WAV reader gives
-        channels past its channel types (over 128) values its own enum cannot hold. */
-    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds, int& declaredChannels)
+        channels past its channel types (over 128) values its own enum cannot hold. And fills
+        the layout of a RIFF WAV file, reading a data size that is unknown (0xFFFFFFFF, as
+        streamed files give) or 0 (as a recorder that died leaves) as "to the end of the file". */
+    juce::String checkChunkSizes (juce::InputStream& in, std::vector<juce::int64>& unsafeChunkIds, int& declaredChannels,
+                                  WavLayout& layout)
     {
         const auto total = in.getTotalLength();
         char kind[4] {};
@@ -138,7 +142,40 @@ namespace
         if (! isRiff && ! is (kind, "FORM"))
             return {};
 
+        const auto riffSize = (juce::int64) (juce::uint32) in.readInt();
+        layout.isRiff = is (kind, "RIFF");
         in.setPosition (12);
+
+        const auto isChunkId = [] (const char* id)
+        {
+            return std::all_of (id, id + 4, [] (char c) { return c >= 32 && c < 127; });
+        };
+
+        // Raw bytes are never printed: a damaged file's "chunk ID" may be audio.
+        const auto describe = [] (const char* id, juce::int64 at)
+        {
+            const auto isName = std::all_of (id, id + 4, [] (char c) { return juce::CharacterFunctions::isLetterOrDigit (c) || c == ' ' || c == '_'; });
+            return isName ? "its '" + juce::String (id, 4) + "' chunk" : "the chunk at byte " + juce::String (at);
+        };
+
+        // Whether the bytes from a position on are whole chunks up to the end of the file.
+        const auto chunksFollow = [&] (juce::int64 position)
+        {
+            while (position + 8 <= total)
+            {
+                char id[4] {};
+                in.setPosition (position);
+                in.read (id, 4);
+                const auto size = (juce::int64) (juce::uint32) in.readInt();
+
+                if (! isChunkId (id) || size > total - position - 8)
+                    return false;
+
+                position += 8 + size + (size & 1);
+            }
+
+            return position >= total;
+        };
 
         while (in.getPosition() + 8 <= total)
         {
@@ -153,26 +190,57 @@ namespace
 
             if (isRiff && is (id, "fmt ") && size >= 4)
             {
-                in.skipNextBytes (2);
+                const auto formatTag = (int) (juce::uint16) in.readShort();
                 const auto channels = (int) (juce::uint16) (bigEndian ? in.readShortBigEndian() : in.readShort());
                 declaredChannels = std::max (declaredChannels, channels);
+
+                if (layout.isRiff && size >= 16)
+                {
+                    layout.hasFormat = true;
+                    layout.channels = channels;
+                    layout.sampleRate = (double) (juce::uint32) in.readInt();
+                    in.skipNextBytes (4);
+                    layout.blockAlign = (int) (juce::uint16) in.readShort();
+                    layout.bitsPerSample = (int) (juce::uint16) in.readShort();
+                    layout.isFloat = formatTag == 3;
+
+                    // WAVE_FORMAT_EXTENSIBLE: the sub-format GUID starts with the format tag.
+                    if (formatTag == 0xfffe && size >= 40)
+                    {
+                        in.skipNextBytes (8);
+                        const auto subFormat = in.readInt();
+                        layout.isFloat = subFormat == 3;
+                        layout.hasFormat = subFormat == 1 || subFormat == 3;
+                    }
+                    else if (formatTag != 1 && formatTag != 3)
+                    {
+                        layout.hasFormat = false;
+                    }
+                }
             }
 
-            const auto name = [&]
+            if (layout.isRiff && is (id, "data") && layout.dataStart < 0)
             {
-                juce::String printable;
-                for (auto c : id)
-                    printable << (c >= 32 && c < 127 ? c : '?');
-                return printable;
-            };
+                layout.dataStart = start;
+                layout.dataSize = std::min (size, total - start);
+
+                if (size == 0xffffffff || (size == 0 && start < total && ! chunksFollow (start)))
+                {
+                    layout.dataSize = total - start;
+                    layout.repair = juce::String ("its header gives no length for the audio (")
+                                    + (size == 0 ? "0, as a recording that was cut off leaves" : "0xFFFFFFFF, as streamed files give")
+                                    + "); the audio was read to the end of the file";
+                    break;
+                }
+            }
 
             if (size > total - start)
             {
                 // RF64 keeps its real sizes in the ds64 chunk and writes 0xffffffff here.
                 if (isAudio || (is (kind, "RF64") && size == 0xffffffff))
-                    return {};
+                    break;
 
-                return "damaged header: its '" + name() + "' chunk claims " + juce::String (size)
+                return "damaged header: " + describe (id, start - 8) + " claims " + juce::String (size)
                        + " bytes, more than the file holds";
             }
 
@@ -183,12 +251,17 @@ namespace
                 const auto count = size >= 2 ? (juce::int64) (juce::uint16) in.readShortBigEndian() : 0;
 
                 if (size < 2 || 2 + count * 8 > size)
-                    return "damaged header: its '" + name() + "' chunk lists " + juce::String (count)
+                    return "damaged header: " + describe (id, start - 8) + " lists " + juce::String (count)
                            + " entries in " + juce::String (size) + " bytes";
             }
 
             in.setPosition (start + size + (size & 1));
         }
+
+        // JUCE looks for chunks only within the size the RIFF header gives.
+        if (layout.isRiff && layout.dataStart >= 0 && riffSize + 8 <= layout.dataStart - 8 && layout.repair.isEmpty())
+            layout.repair = "its header gives a file length (" + juce::String (riffSize)
+                            + " bytes) that ends before the audio; the chunks were read as the file holds them";
 
         return {};
     }
@@ -230,8 +303,9 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
 
     std::vector<juce::int64> unsafeChunkIds;
     auto declaredChannels = 0;
+    WavLayout layout;
 
-    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds, declaredChannels); problem.isNotEmpty())
+    if (const auto problem = checkChunkSizes (*stream, unsafeChunkIds, declaredChannels, layout); problem.isNotEmpty())
         throw CliError (ExitCode::badFormat, quoted (file) + ": " + problem);
 
     if (declaredChannels > 2)
@@ -241,8 +315,23 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     auto watched = std::make_unique<ShortReadWatch> (std::make_unique<juce::BufferedInputStream> (stream.release(), 1 << 16, true));
     watched->hiddenChunkIds = std::move (unsafeChunkIds);
 
+    if (layout.needsOwnReader())
+    {
+        if (auto* opened = createPlainWavReader (watched.get(), layout))
+        {
+            watch = watched.release();
+            reader.reset (opened);
+
+            if (layout.repair.isNotEmpty())
+                notes.add (quoted (file) + ": " + layout.repair);
+        }
+    }
+
     for (auto& format : inputFormatsFor (file))
     {
+        if (reader != nullptr)
+            break;
+
         watched->setPosition (0);
 
         if (auto* opened = format->createReaderFor (watched.get(), false))
@@ -265,7 +354,8 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
 
     // Frames of absurd size make JUCE's WAV and AIFF readers loop without end.
     if (! isFlac() && reader->bitsPerSample != 8 && reader->bitsPerSample != 16
-                   && reader->bitsPerSample != 24 && reader->bitsPerSample != 32)
+                   && reader->bitsPerSample != 24 && reader->bitsPerSample != 32
+                   && ! (reader->bitsPerSample == 64 && isFloat()))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample format ("
                                               + juce::String (reader->bitsPerSample) + " bits)");
 

@@ -41,6 +41,9 @@ namespace cli
             int firstChannel = 0;
         };
 
+        /** Repairs made to read the file, for warnings. */
+        const juce::StringArray& warnings() const { return notes; }
+
         /** The non-finite samples replaced by silence so far. */
         const NonFinite& nonFinite() const      { return replaced; }
 
@@ -49,5 +52,6 @@ namespace cli
         ShortReadWatch* watch = nullptr;        // owned by the reader
         std::unique_ptr<juce::AudioFormatReader> reader;
         NonFinite replaced;
+        juce::StringArray notes;
     };
 }

@@ -237,8 +237,16 @@ namespace
         Rendered renderFile (InputAudio& input, const juce::File& outputFile)
         {
             const auto& inputFile = input.file;
+
+            for (const auto& repair : input.warnings())
+                warn (repair);
+
             auto format = chooseOutputFormat (outputFile, options.bitDepth, input.bitsPerSample(), input.isFloat());
             format.dither = options.dither;
+
+            if (input.bitsPerSample() > 32 && format.bitDepth == 32 && options.bitDepth == 0)
+                note (juce::String (input.bitsPerSample()) + "-bit float input: the output is 32-bit float, the precision Quenda processes at");
+
             const auto sampleRate = input.sampleRate();
             const auto seconds = (double) input.length() / sampleRate;
             const auto inputName = options.input == "-" ? juce::String ("standard input") : inputFile.getFullPathName();

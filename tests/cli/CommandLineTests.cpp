@@ -42,6 +42,8 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
     temp["flipped.flac"].replaceWithData (flac.getData(), flac.getSize());
     const char comments[] = "FORM\0\0\0\x0e" "AIFFCOMT\0\0\0\x02\xff\xff";
     temp["comments.aiff"].replaceWithData (comments, sizeof (comments) - 1);
+    const char garbage[] = "RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x02\0\x80\xbb\0\0\0\xee\x02\0\x04\0\x10\0" "\x01l\xfe\x02\xff\xff\xff\x70";
+    temp["garbage.wav"].replaceWithData (garbage, sizeof (garbage) - 1);
     temp["text.wav"].replaceWithText ("this is not audio at all, just text pretending to be a WAV file");
     temp["folder.wav"].createDirectory();
     temp["out.wav"].replaceWithText ("keep me");
@@ -68,6 +70,7 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
         { { temp ("cut.flac"), fresh },                   ExitCode::badFormat,        "is truncated" },
         { { temp ("flipped.flac"), fresh },               ExitCode::badFormat,        "is damaged" },
         { { temp ("text.wav"), fresh },                   ExitCode::badFormat,        "not a WAV, AIFF or FLAC file" },
+        { { temp ("garbage.wav"), fresh },                ExitCode::badFormat,        "damaged header: the chunk at byte 36 claims 1895825407 bytes" },
         { { temp ("comments.aiff"), fresh },              ExitCode::badFormat,        "'COMT' chunk lists 65535 entries" },
         { { temp ("surround.wav"), fresh },               ExitCode::badFormat,        "has 3 channels" },
         { { temp ("missing.wav"), fresh },                ExitCode::inputUnreadable,  "no such file" },

@@ -176,6 +176,78 @@ TEST (Formats, RoundTripKeepsTheFormat)
     }
 }
 
+/** A stereo 48 kHz WAV file as recorders, pipes and other tools write it. */
+static juce::MemoryBlock wavFile (const juce::AudioBuffer<float>& audio, int formatTag, int bits,
+                                  juce::uint32 riffSize, juce::uint32 dataSize, bool rf64 = false)
+{
+    juce::MemoryOutputStream payload, file;
+    for (int i = 0; i < audio.getNumSamples(); ++i)
+        for (int c = 0; c < 2; ++c)
+        {
+            const auto x = audio.getSample (c, i);
+            if (bits == 64)
+                payload.writeDouble ((double) x);
+            else
+                payload.writeShort ((short) juce::roundToInt (x * 32768.0f));
+        }
+
+    file.write (rf64 ? "RF64" : "RIFF", 4);
+    file.writeInt ((int) riffSize);
+    file.write ("WAVE", 4);
+    if (rf64)
+    {
+        file.write ("ds64", 4);
+        file.writeInt (28);
+        file.writeInt64 ((juce::int64) (4 + 36 + 24 + 8 + payload.getDataSize()));
+        file.writeInt64 ((juce::int64) payload.getDataSize());
+        file.writeInt64 (audio.getNumSamples());
+        file.writeInt (0);
+    }
+    file.write ("fmt ", 4);
+    file.writeInt (16);
+    file.writeShort ((short) formatTag);
+    file.writeShort (2);
+    file.writeInt (48000);
+    file.writeInt (48000 * 2 * bits / 8);
+    file.writeShort ((short) (2 * bits / 8));
+    file.writeShort ((short) bits);
+    file.write ("data", 4);
+    file.writeInt ((int) dataSize);
+    file << payload.getMemoryBlock();
+    return file.getMemoryBlock();
+}
+
+TEST (Formats, WavFromRecordersStreamsAndLargeFilesAndDoubles)
+{
+    TempFolder temp;
+    const auto audio = noise (2, 3000);
+    constexpr juce::uint32 unknown = 0xffffffff;
+    const auto bytes16 = 3000u * 4u;
+    const struct { const char* name; juce::MemoryBlock file; const char* said; } cases[] {
+        { "doubles.wav",  wavFile (audio, 3, 64, 36 + 4 * bytes16, 4 * bytes16), "64-bit float input: the output is 32-bit float" },
+        { "streamed.wav", wavFile (audio, 1, 16, unknown, unknown), "no length for the audio (0xFFFFFFFF, as streamed files give); the audio was read to the end of the file" },
+        { "cut-off.wav",  wavFile (audio, 1, 16, 0, 0), "no length for the audio (0, as a recording that was cut off leaves); the audio was read to the end of the file" },
+        { "riff-0.wav",   wavFile (audio, 1, 16, 0, bytes16), "gives a file length (0 bytes) that ends before the audio" },
+        { "rf64.wav",     wavFile (audio, 1, 16, unknown, unknown, true), "" },
+    };
+
+    for (auto& [name, file, said] : cases)
+    {
+        temp[name].replaceWithData (file.getData(), file.getSize());
+        const auto result = render ({ temp (name), temp (juce::String ("out-") + name), "--bypass" });
+        ASSERT_EQ (result.code, 0) << name << ": " << result.err;
+        EXPECT_NE (result.err.find (said), std::string::npos) << name << ": " << result.err;
+
+        // Every sample read, each as the file holds it.
+        const auto output = readAudio (temp[juce::String ("out-") + name]).audio;
+        ASSERT_EQ (output.getNumSamples(), 3000) << name;
+        const auto step = juce::String (name).startsWith ("doubles") ? 0.0f : 1.0f / 32768.0f;
+        for (int c = 0; c < 2; ++c)
+            for (int i = 0; i < 3000; ++i)
+                ASSERT_NEAR (output.getSample (c, i), audio.getSample (c, i), step * 0.5f) << name << " " << c << ", " << i;
+    }
+}
+
 TEST (Formats, SixteenBitsPassThroughUnchangedWhereTheSettingsLeaveTheSteps)
 {
     TempFolder temp;
