@@ -234,6 +234,11 @@ namespace
                 }
             }
 
+            // RF64 keeps the audio's real size in the ds64 chunk: past 4 GB, the 32-bit size
+            // here would land inside the audio.
+            if (is (kind, "RF64") && isAudio)
+                break;
+
             if (size > total - start)
             {
                 // RF64 keeps its real sizes in the ds64 chunk and writes 0xffffffff here.
