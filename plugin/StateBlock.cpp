@@ -59,7 +59,9 @@ namespace
             }
         }
 
-        return text.getDoubleValue();
+        // JUCE's reader drops the sign of a zero; a saved -0 must come back as -0.
+        const auto value = text.getDoubleValue();
+        return value == 0.0 && negative ? -0.0 : value;
     }
 }
 
