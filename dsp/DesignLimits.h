@@ -11,7 +11,7 @@ namespace limits
     constexpr double tiltLimit = 100.0;
 
     /** Hosts may announce any rate; the shelves keep designing at the last one in this range. */
-    constexpr bool isUsableSampleRate (double rate) noexcept    { return rate > 0.0 && rate < 384000.0; }
+    constexpr bool isUsableSampleRate (double rate) noexcept    { return rate > 0.0 && rate <= 384000.0; }   // NaN fails
 
     /** The lower limit wins where the two cross (a rate below 0.02 Hz); NaN passes. */
     template <typename Type>

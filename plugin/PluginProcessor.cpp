@@ -6,6 +6,7 @@
 #include "dsp/DesignLimits.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -38,6 +39,13 @@ namespace
     {
         return platform::hostExecutablePath().find ("wavelab") != std::string::npos;
     }
+
+    thread_local QuendaAudioProcessor* lastCreated = nullptr;
+}
+
+QuendaAudioProcessor* QuendaAudioProcessor::lastCreatedOnThisThread() noexcept
+{
+    return lastCreated;
 }
 
 QuendaAudioProcessor::QuendaAudioProcessor()
@@ -47,7 +55,8 @@ QuendaAudioProcessor::QuendaAudioProcessor()
       parameters (*this, normalisationFor (wrapperType)),
       engineLock (platform::NamedSemaphore::open (engineLockName)),
       kernelDesignLock (platform::NamedSemaphore::open (kernelDesignLockName)),
-      designs (KernelDesigns::create (tiltStage.getKernelBank(), engineLock, kernelDesignLock, hostWantsSynchronousDesign()))
+      designs (KernelDesigns::create (tiltStage.getKernelBank(), engineLock, kernelDesignLock, hostWantsSynchronousDesign())),
+      latencyReporter (LatencyReporter::create (*this, baseLatency))
 {
     if (getLatencySamples() != baseLatency)
         setLatencySamples (baseLatency);
@@ -60,11 +69,18 @@ QuendaAudioProcessor::QuendaAudioProcessor()
     // No design yet: prepareToPlay makes the kernels for the host's rate, and a block that
     // finds none asks for them. Hosts that only open and close an instance (a plug-in scan)
     // then never have a design on the message thread to wait for when they close it.
-    prepareEngine (std::max (getBlockSize(), 0));
+    prepareEngine (juce::jlimit (0, largestBlockSize, getBlockSize()));
+
+    lastCreated = this;
 }
 
 QuendaAudioProcessor::~QuendaAudioProcessor()
 {
+    if (lastCreated == this)
+        lastCreated = nullptr;
+
+    LatencyReporter::dispose (std::move (latencyReporter));
+
     // Hosts delete instances on any thread, some while they block the message thread
     // (JUCE's VST2 wrapper on Linux holds its lock): nothing here may wait for it.
     KernelDesigns::dispose (std::move (designs));
@@ -139,18 +155,20 @@ namespace
 
 void QuendaAudioProcessor::reportLatency (bool linearPhase)
 {
-    const auto latency = baseLatency + (linearPhase ? linearPhaseLatency : 0);
-
-    if (reportedLatency.exchange (latency) != latency)
-        setLatencySamples (latency);
+    latencyReporter->reportNow (baseLatency + (linearPhase ? linearPhaseLatency : 0));
 }
 
-void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerBlock)
+void QuendaAudioProcessor::prepareToPlay (double sampleRate, int maximumExpectedSamplesPerBlock)
 {
+    // A rate no filter can be designed for is refused: the last usable one stays.
+    if (! (std::isfinite (sampleRate) && sampleRate > 0.0))
+        setRateAndBufferSizeDetails (std::isfinite (preparedSampleRate) && preparedSampleRate > 0.0 ? preparedSampleRate : 44100.0,
+                                     maximumExpectedSamplesPerBlock);
+
     // Everything a block needs is made here, off the audio thread: buffers for the declared
     // block size, kernels for this rate, filters and glides starting from silence, and the
     // latency, so that the first block is already fully processed.
-    prepareEngine (std::max (maximumExpectedSamplesPerBlock, 1));
+    prepareEngine (juce::jlimit (1, largestBlockSize, maximumExpectedSamplesPerBlock));
     designs->designNow (getSampleRate());
 
     shelfStage.prepare (getSampleRate());
@@ -166,8 +184,22 @@ void QuendaAudioProcessor::prepareToPlay (double, int maximumExpectedSamplesPerB
     reportLatency (latencyIsLinear);
 }
 
+void QuendaAudioProcessor::processBlockBypassed (juce::AudioBuffer<float>& buffer, juce::MidiBuffer&)
+{
+    juce::ScopedNoDenormals noDenormals;
+
+    for (auto channel = getTotalNumInputChannels(); channel < getTotalNumOutputChannels(); ++channel)
+        buffer.clear (channel, 0, buffer.getNumSamples());
+
+    if (buffer.getNumSamples() > 0)
+        silenceIfNotFinite (buffer, std::min (getTotalNumOutputChannels(), buffer.getNumChannels()));
+}
+
 void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce::MidiBuffer&)
 {
+    // Denormal feedback in the shelves and the convolution's tails costs up to half as much again.
+    juce::ScopedNoDenormals noDenormals;
+
     const auto numInputs = getTotalNumInputChannels();
     const auto numOutputs = getTotalNumOutputChannels();
     const auto n = buffer.getNumSamples();
@@ -203,9 +235,10 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     settings.tilt.kernelSampleRate = sampleRate;
     const auto linearPhase = settings.tilt.linearPhase;
 
+    // The audio takes the new latency from this block; the host is told from the message thread.
     if (linearPhase != latencyIsLinear)
     {
-        reportLatency (linearPhase);
+        latencyReporter->switchTo (baseLatency + (linearPhase ? linearPhaseLatency : 0));
         latencyIsLinear = linearPhase;
     }
 
@@ -224,16 +257,21 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     if (! designs->isReady() || ! tiltStage.process (channels, numChannels, n, settings.tilt))
     {
         requestKernelDesign();
+        silenceIfNotFinite (buffer, numChannels);
         return;
     }
 
     shelfStage.process (channels, numChannels, n, settings.shelves);
     trimStage.process (channels, numChannels, n, settings.trim);
+    silenceIfNotFinite (buffer, numChannels);
+}
 
+void QuendaAudioProcessor::silenceIfNotFinite (juce::AudioBuffer<float>& buffer, int numChannels) noexcept
+{
     // One check per block: a non-finite input or state must not stay in the filters.
     for (int channel = 0; channel < numChannels; ++channel)
     {
-        if (! isFinite (buffer.getReadPointer (channel), n))
+        if (! isFinite (buffer.getReadPointer (channel), buffer.getNumSamples()))
         {
             recoverFromNonFiniteOutput (buffer, numChannels);
             break;

@@ -4,6 +4,7 @@
 #include "BlockSettings.h"
 #include "HostSampleRate.h"
 #include "KernelDesigns.h"
+#include "LatencyReporter.h"
 #include "ParameterTable.h"
 #include "Parameters.h"
 #include "StateBlock.h"
@@ -31,6 +32,10 @@ public:
     void releaseResources() override                  {}
     void processBlock (juce::AudioBuffer<float>&, juce::MidiBuffer&) override;
     using juce::AudioProcessor::processBlock;
+
+    /** The host's bypass (VST2): the input as it is, but never a NaN or infinity. */
+    void processBlockBypassed (juce::AudioBuffer<float>&, juce::MidiBuffer&) override;
+    using juce::AudioProcessor::processBlockBypassed;
 
     /** Stereo or mono, the same on both sides; without this JUCE 7's VST2 wrapper offers 64 channels. */
     bool isBusesLayoutSupported (const BusesLayout& layout) const override;
@@ -74,6 +79,16 @@ public:
     /** Latency added while linear phase is on: the kernel's centre. */
     static constexpr int linearPhaseLatency = TiltStage::linearPhaseDelay;
 
+    /** The longest block a host may declare; longer blocks are processed in pieces. */
+    static constexpr int largestBlockSize = 65536;
+
+    /** The latency of the last block, before the message thread has told the host. Lock-free:
+        the VST2 entry hands it to the host right after the block of a switch. */
+    int getLatencyOfLastBlock() const noexcept      { return latencyReporter->latest(); }
+
+    /** The instance the calling thread created last (the VST2 entry pairs it with its effect). */
+    static QuendaAudioProcessor* lastCreatedOnThisThread() noexcept;
+
 private:
     /** Sizes the tilt stage and the kernel sets for blocks of up to blockSize samples. */
     void prepareEngine (int maximumBlockSize);
@@ -84,10 +99,12 @@ private:
     /** After a block whose output was not finite: silence it and clear every filter state. */
     void recoverFromNonFiniteOutput (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
 
+    /** Silences the block and clears every filter state where an output sample is not finite. */
+    void silenceIfNotFinite (juce::AudioBuffer<float>& buffer, int numChannels) noexcept;
+
     Parameters parameters;
 
     bool latencyIsLinear = false;
-    std::atomic<int> reportedLatency { 0 };
 
     TiltStage tiltStage;
     ShelfStage shelfStage;
@@ -102,6 +119,7 @@ private:
 
     // Shared with the designs posted to the message thread, which never see this object.
     std::shared_ptr<KernelDesigns> designs;
+    std::shared_ptr<LatencyReporter> latencyReporter;
 
     JUCE_DECLARE_NON_COPYABLE_WITH_LEAK_DETECTOR (QuendaAudioProcessor)
 };
