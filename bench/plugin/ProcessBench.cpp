@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <ctime>
 #include <string>
 
 namespace
@@ -93,6 +94,66 @@ namespace
                                                                          | benchmark::Counter::kInvert);
     }
 
+    /** Noise at a denormal or near-denormal level against noise at -6 dBFS, block for block
+        in the same run: "ratio" is what a quiet passage costs more. */
+    void denormalInput (benchmark::State& state, float level, bool linearPhase)
+    {
+        constexpr int blockSize = 64;
+        ReadyProcessor normal (blockSize, linearPhase), quiet (blockSize, linearPhase);
+
+        for (auto* ready : { &normal, &quiet })
+        {
+            ready->set (ParameterTable::tiltIndex, 0.7f);
+            ready->set (ParameterTable::lowIndex, 3.0f);
+            ready->set (ParameterTable::highIndex, -2.0f);
+        }
+
+        quiet.input.applyGain (level / 0.5f);
+
+        // Long enough for every filter and convolution state to settle at the input's level.
+        for (int block = 0; block < 400; ++block)
+        {
+            normal.processBlock();
+            quiet.processBlock();
+        }
+
+        // Thread CPU time, so that other programs on the machine do not count; the order
+        // alternates so that neither always finds the caches warm.
+        const auto timed = [] (ReadyProcessor& ready)
+        {
+            timespec start {}, end {};
+            clock_gettime (CLOCK_THREAD_CPUTIME_ID, &start);
+            ready.processBlock();
+            clock_gettime (CLOCK_THREAD_CPUTIME_ID, &end);
+            return (double) (end.tv_sec - start.tv_sec) * 1e6 + (double) (end.tv_nsec - start.tv_nsec) * 1e-3;
+        };
+
+        double normalTime = 0.0, quietTime = 0.0;
+        bool normalFirst = true;
+
+        for (auto _ : state)
+        {
+            if (normalFirst)
+            {
+                normalTime += timed (normal);
+                quietTime += timed (quiet);
+            }
+            else
+            {
+                quietTime += timed (quiet);
+                normalTime += timed (normal);
+            }
+
+            normalFirst = ! normalFirst;
+            benchmark::DoNotOptimize (quiet.buffer.getReadPointer (0));
+        }
+
+        const auto perBlock = [&] (double total) { return total / (double) state.iterations(); };
+        state.counters["normal_us"] = perBlock (normalTime);
+        state.counters["quiet_us"] = perBlock (quietTime);
+        state.counters["ratio"] = perBlock (quietTime) / perBlock (normalTime);
+    }
+
     /** One kernel computation, as the message thread runs it after a change of sample rate. */
     void computeKernels (benchmark::State& state)
     {
@@ -123,6 +184,18 @@ namespace
                         ->Unit (benchmark::kMicrosecond)
                         ->MinTime (0.2);
                 }
+            }
+        }
+
+        for (auto linearPhase : { false, true })
+        {
+            for (auto level : { 1e-39f, 1e-30f })
+            {
+                const auto name = std::string ("denormalInput/linear_phase:") + (linearPhase ? "on" : "off")
+                                + "/level:" + (level < 1e-35f ? "1e-39" : "1e-30");
+                benchmark::RegisterBenchmark (name.c_str(), denormalInput, level, linearPhase)
+                    ->Unit (benchmark::kMicrosecond)
+                    ->MinTime (0.5);
             }
         }
 
