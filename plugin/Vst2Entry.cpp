@@ -108,7 +108,7 @@ namespace
         Guard& guard;
     };
 
-    /** Stops the audio callbacks from reaching JUCE and waits for one in progress to end. */
+    /** Stops the audio callbacks from reaching the processor and waits for one in progress to end. */
     void stopAudio (Guard& guard)
     {
         guard.resumed = false;
@@ -117,9 +117,9 @@ namespace
             std::this_thread::yield();
     }
 
-    void writeSilence (float** outputs, int numSamples) noexcept
+    void writeSilence (const AEffect& effect, float** outputs, int numSamples) noexcept
     {
-        for (int c = 0; c < numChannels; ++c)
+        for (int c = 0; c < std::min (numChannels, effect.numOutputs); ++c)
             if (outputs[c] != nullptr)
                 std::fill (outputs[c], outputs[c] + numSamples, 0.0f);
     }
@@ -169,7 +169,7 @@ namespace
         // Before a resume, after a suspend: nothing is prepared, JUCE would prepare here.
         if (! guard->resumed.load())
         {
-            writeSilence (outputs, numSamples);
+            writeSilence (*effect, outputs, numSamples);
             return;
         }
 
@@ -298,6 +298,10 @@ namespace
 
         // The input arrangement comes in `value`, as a pointer.
         if ((opcode == effSetSpeakerArrangement || opcode == effGetSpeakerArrangement) && value == 0)
+            return 0;
+
+        // The layout changes only while suspended: the prepared buffers follow it at resume.
+        if (opcode == effSetSpeakerArrangement && guard->resumed.load())
             return 0;
 
         switch (opcode)

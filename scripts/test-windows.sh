@@ -42,7 +42,7 @@ QUENDA_VST3_BUNDLE=$(winepath -w "$build_dir/Quenda_artefacts/Release/VST3/Quend
 export QUENDA_VST3_BUNDLE
 
 failed=0
-for program in quenda_vst2_host_tests quenda_wavelab_host_tests formats/quenda_wavelab_format_tests; do
+for program in quenda_vst2_host_tests quenda_wavelab_host_tests quenda_hostile_host_tests formats/quenda_wavelab_format_tests; do
     echo "test-windows: $program under Wine"
     wine "$build_dir/tests/$program.exe" --gtest_brief=1 || failed=1
     wineserver -w

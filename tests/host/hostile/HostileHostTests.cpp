@@ -279,7 +279,7 @@ TEST (HostileHost, RatesNoFilterCanUseAreRefusedAndEveryUsableRateIsDesignedFor)
         const auto length = (int) rate / 2;
         std::vector<float> sine ((size_t) length);
         for (size_t i = 0; i < sine.size(); ++i)
-            sine[i] = 0.1f * (float) std::sin (2.0 * M_PI * frequency * (double) i / rate);
+            sine[i] = 0.1f * (float) std::sin (2.0 * 3.14159265358979323846 * frequency * (double) i / rate);
         const auto out = host.process ({ sine, sine });
         return levelDb (out[0], (size_t) length / 2) - levelDb (sine, (size_t) length / 2);
     };
