@@ -9,17 +9,21 @@
 # FUZZ_RUNS=N stops a target after N inputs if that comes first (e.g. 10000000).
 #
 # Targets: quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac
+# quenda_fuzz_hostile (call sequences of a careless host through the built Quenda.so)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-3600}
 [ $# -gt 0 ] && shift
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac)
+[ ${#targets[@]} -gt 0 ] || targets=(quenda_fuzz_state quenda_fuzz_options quenda_fuzz_wav quenda_fuzz_aiff quenda_fuzz_flac quenda_fuzz_hostile)
 
-# The same configuration as the sanitizer stage of scripts/test.sh, so the two share a build.
+# The same configuration as the sanitizer stage of scripts/test.sh, so the two share a build
+# (lld and undefined sanitizer symbols: the hostile-host target loads the instrumented plug-in).
 build=build-sanitize
 bash scripts/build.sh "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=lld \
+    -DCMAKE_MODULE_LINKER_FLAGS=-fuse-ld=lld -DCMAKE_CXX_STANDARD_LIBRARIES=-Wl,-z,undefs \
     -DQUENDA_SANITIZE=ON -DQUENDA_FUZZ=ON -DQUENDA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQUENDA_WARNINGS_AS_ERRORS=ON -- "${targets[@]}"
 
@@ -33,7 +37,11 @@ for target in "${targets[@]}"; do
     mkdir -p "$folder/$target-corpus"
     echo "fuzz: $target for $seconds s (log: $log)"
 
-    if ! nice -n 10 "$folder/$target" -runs="${FUZZ_RUNS:--1}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    # A call sequence may prepare the plug-in several times: it gets longer per input.
+    limits="-timeout=10 -rss_limit_mb=2048"
+    [ "$target" = quenda_fuzz_hostile ] && limits="-timeout=60 -rss_limit_mb=4096"
+
+    if ! nice -n 10 "$folder/$target" -runs="${FUZZ_RUNS:--1}" -max_total_time="$seconds" $limits \
             -print_final_stats=1 -artifact_prefix="$folder/$target-" "$folder/$target-corpus" "$seeds" > "$log" 2>&1; then
         echo "fuzz: $target FOUND A PROBLEM:"
         grep -A30 "ERROR\|==[0-9]*==\|deadly signal\|runtime error" "$log" | head -n 60
