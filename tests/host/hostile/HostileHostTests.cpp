@@ -240,6 +240,11 @@ TEST (HostileHost, LinearPhaseToggledEveryBlockReportsItsLatencyWithoutLockingOr
     for (int wait = 0; wait < 200 && ioChangedCalls.load() == callsBefore; ++wait)
     {
         host.dispatch (effEditIdle);
+       #if defined (_WIN32)
+        // There the plug-in's messages arrive through the host's own message loop.
+        for (MSG message; PeekMessageA (&message, nullptr, 0, 0, PM_REMOVE);)
+            DispatchMessageA (&message);
+       #endif
         std::this_thread::sleep_for (std::chrono::milliseconds (10));
     }
 
