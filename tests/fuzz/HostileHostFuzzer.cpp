@@ -317,5 +317,15 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
         }
     }
 
+    // Whatever state the calls left: four more blocks, linear phase switched in each.
+    static const uint8_t plainBlock[] = { 0, 0, 0 };
+
+    for (int block = 0; block < 4; ++block)
+    {
+        Reader plain { plainBlock, sizeof (plainBlock) };
+        h.plugin.setParameter (linPhaseIndex, h.plugin.getParameter (linPhaseIndex) >= 0.5f ? 0.0f : 1.0f);
+        process (plain, h, block % 2 == 0 ? 64 : 1000);
+    }
+
     return 0;
 }
