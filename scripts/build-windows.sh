@@ -94,8 +94,8 @@ echo "build-windows: dependencies ready after $(( $(stamp) - started )) s"
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DQUENDA_WINDOWS_PREFIX="$prefix" -DQUENDA_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build_dir" --parallel "$jobs" --target \
-    Quenda_VST Quenda_VST3 quenda_vst2_host_tests quenda_wavelab_host_tests quenda_wavelab_format_tests \
-    quenda-lock-holder quenda-editor-window
+    Quenda_VST Quenda_VST3 quenda_vst2_host_tests quenda_wavelab_host_tests quenda_hostile_host_tests \
+    quenda_wavelab_format_tests quenda-lock-holder quenda-editor-window
 
 dll=$build_dir/Quenda_artefacts/Release/VST/Quenda.dll
 # JUCE 7.0.5 writes no moduleinfo.json (its CMake has no manifest step); hosts then load the
