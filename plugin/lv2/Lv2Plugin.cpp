@@ -170,8 +170,9 @@ namespace
                 processor->processBlock (buffer, midi);
             }
 
+            // The latency of this block, before the message thread has reported it.
             if (latencyOut != nullptr)
-                *latencyOut = (float) processor->getLatencySamples();
+                *latencyOut = (float) processor->getLatencyOfLastBlock();
         }
 
         LV2_State_Status save (LV2_State_Store_Function store, LV2_State_Handle handle)
