@@ -323,7 +323,7 @@ TEST_P (FormatHost, LatencySwitchesAddNoLockOrAllocationToTheirBlocks)
 {
     auto plugin = load (GetParam());
     ASSERT_NE (nullptr, plugin);
-    if (! realtime_counters::available())
+    if (! counters::available())
         GTEST_SKIP() << "no allocation and lock counters on this system";
     juce::AudioBuffer<float> buffer (2, blockSize);
     juce::MidiBuffer midi;
@@ -331,19 +331,19 @@ TEST_P (FormatHost, LatencySwitchesAddNoLockOrAllocationToTheirBlocks)
     auto countsWhileToggling = [&] (size_t index)
     {
         auto* parameter = parameterFor (GetParam(), *plugin, index);
-        realtime_counters::Counts least { 1 << 30, 1 << 30 };
+        counters::Counts least { 1 << 30, 1 << 30 };
 
         for (int run = 0; run < 3; ++run)
         {
-            realtime_counters::Counts total;
+            counters::Counts total;
 
             for (int block = 0; block < 16; ++block)
             {
                 parameter->setValueNotifyingHost (block % 2 == 0 ? 1.0f : 0.0f);
                 buffer.clear();
-                realtime_counters::begin();
+                counters::begin();
                 plugin->processBlock (buffer, midi);
-                const auto counts = realtime_counters::end();
+                const auto counts = counters::end();
                 total.allocations += counts.allocations;
                 total.locks += counts.locks;
             }

@@ -155,9 +155,9 @@ namespace
             default: break;
         }
 
-        realtime_counters::begin();
+        counters::begin();
         effect.processReplacing (&effect, inputPointers, outputPointers, n);
-        const auto counts = realtime_counters::end();
+        const auto counts = counters::end();
         ++blocks;
 
         if (counts.allocations != 0)

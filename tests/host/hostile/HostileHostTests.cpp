@@ -52,9 +52,9 @@ namespace
         /** One processReplacing with the given pointers; counts its allocations and locks. */
         void processRaw (float** inputs, float** outputs, int n)
         {
-            realtime_counters::begin();
+            counters::begin();
             plugin.effect->processReplacing (plugin.effect, inputs, outputs, n);
-            const auto counts = realtime_counters::end();
+            const auto counts = counters::end();
             allocations += counts.allocations;
             locks += counts.locks;
         }
@@ -72,12 +72,12 @@ namespace
 
         std::vector<std::vector<float>> processNoise (int n, unsigned seed = 1, float level = 0.5f)
         {
-            return process ({ quenda_test::noise ((size_t) n, seed, level), quenda_test::noise ((size_t) n, seed + 1, level) });
+            return process ({ support::noise ((size_t) n, seed, level), support::noise ((size_t) n, seed + 1, level) });
         }
 
         void expectRealtimeSafe (const char* what)
         {
-            if (! realtime_counters::available())
+            if (! counters::available())
                 return;
 
             EXPECT_EQ (0, allocations) << what << ": allocations on the audio thread";
@@ -177,7 +177,7 @@ TEST (HostileHost, PointersAndLengthsTheHostGetsWrongAreProcessedThroughPrepared
         host.plugin.setParameter (0, 0.7f);
         host.plugin.start (48000.0f, 64);
 
-        auto left = quenda_test::noise (n, 1, 0.5f), right = quenda_test::noise (n, 2, 0.5f);
+        auto left = support::noise (n, 1, 0.5f), right = support::noise (n, 2, 0.5f);
         std::vector<float> shared ((size_t) n);
         float* inputs[] = { left.data(), right.data() };
         float* aliased[] = { shared.data(), shared.data() };
@@ -327,13 +327,13 @@ TEST (HostileHost, NonFiniteAndHugeInputComesOutFiniteWithOrWithoutHostBypass)
         host.plugin.start (48000.0f, 64);
         host.dispatch (effSetBypass, 0, hostBypass);
 
-        auto input = quenda_test::noise (64, 9, 0.5f);
+        auto input = support::noise (64, 9, 0.5f);
         input[17] = notANumber;
         const std::vector<std::vector<float>> blocks[] =
         {
             host.process ({ input, input }), host.process (constant (64, notANumber)), host.process (constant (64, infinity)),
-            host.process ({ scaled (quenda_test::noise (64, 3), 3e38f), scaled (quenda_test::noise (64, 4), -3e38f) }),
-            host.process ({ scaled (quenda_test::noise (64, 5), 1e-39f), scaled (quenda_test::noise (64, 6), 1e-39f) }),
+            host.process ({ scaled (support::noise (64, 3), 3e38f), scaled (support::noise (64, 4), -3e38f) }),
+            host.process ({ scaled (support::noise (64, 5), 1e-39f), scaled (support::noise (64, 6), 1e-39f) }),
         };
 
         for (const auto& out : blocks)

@@ -20,7 +20,7 @@
 namespace
 {
     thread_local bool counting = false;
-    thread_local realtime_counters::Counts counts;
+    thread_local counters::Counts counts;
 
     void countAllocation() noexcept
     {
@@ -86,7 +86,7 @@ extern "C" int posix_memalign (void** memory, size_t alignment, size_t size)
 
 #endif
 
-namespace realtime_counters
+namespace counters
 {
     bool available() noexcept     { return realLock != nullptr && realTryLock != nullptr; }
     void begin() noexcept         { counts = {}; counting = true; }
@@ -95,7 +95,7 @@ namespace realtime_counters
 
 #else
 
-namespace realtime_counters
+namespace counters
 {
     bool available() noexcept     { return false; }
     void begin() noexcept         {}

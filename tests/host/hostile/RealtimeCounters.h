@@ -5,7 +5,7 @@
 // Linux only; elsewhere available() is false and nothing is counted.
 #pragma once
 
-namespace realtime_counters
+namespace counters
 {
 
 struct Counts
