@@ -522,7 +522,7 @@ namespace
                     double fraction = 0.0;
 
                     for (int i = 0; i < numFiles; ++i)
-                        fraction += fractions[(size_t) i] / numFiles;
+                        fraction += (double) fractions[(size_t) i] / numFiles;
 
                     err << "\r" << batchProgressLine (done, numFiles, fraction, (juce::Time::getMillisecondCounterHiRes() - start) / 1000.0)
                         << "\x1b[K" << std::flush;
