@@ -6,7 +6,7 @@ packages=(
     build-essential cmake ninja-build pkg-config ccache git python3
     juce-modules-source fst-dev lv2-dev libfftw3-dev
     libgtest-dev libbenchmark-dev
-    clang libclang-rt-dev llvm lld
+    clang clang-format libclang-rt-dev llvm lld
     libasound2-dev libfreetype-dev libfontconfig1-dev libx11-dev libxcomposite-dev
     libxcursor-dev libxext-dev libxinerama-dev libxrandr-dev libxrender-dev
     libflac-dev libvorbis-dev libogg-dev
