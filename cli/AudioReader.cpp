@@ -17,11 +17,12 @@ namespace cli
 class ShortReadWatch : public juce::InputStream
 {
 public:
-    explicit ShortReadWatch (std::unique_ptr<juce::InputStream> source) : stream (std::move (source)) {}
+    explicit ShortReadWatch (std::unique_ptr<juce::InputStream> source)
+        : stream (std::move (source)) {}
 
-    juce::int64 getTotalLength() override           { return stream->getTotalLength(); }
-    bool isExhausted() override                     { return stream->isExhausted(); }
-    juce::int64 getPosition() override              { return stream->getPosition(); }
+    juce::int64 getTotalLength() override { return stream->getTotalLength(); }
+    bool isExhausted() override { return stream->isExhausted(); }
+    juce::int64 getPosition() override { return stream->getPosition(); }
     bool setPosition (juce::int64 position) override { return stream->setPosition (position); }
 
     int read (void* destination, int maxBytes) override
@@ -85,7 +86,8 @@ namespace
         FLAC__stream_decoder_set_md5_checking (decoder.get(), true);
 
         if (FLAC__stream_decoder_init_file (decoder.get(), file.getFullPathName().toRawUTF8(),
-                                            write, metadata, error, &check) != FLAC__STREAM_DECODER_INIT_STATUS_OK)
+                                            write, metadata, error, &check)
+            != FLAC__STREAM_DECODER_INIT_STATUS_OK)
             return "cannot be opened for decoding";
 
         const auto finished = FLAC__stream_decoder_process_until_end_of_stream (decoder.get());
@@ -106,14 +108,16 @@ namespace
 
     juce::String identityOf (const juce::File& file)
     {
-        struct stat info {};
+        struct stat info
+        {
+        };
 
         if (::stat (file.getFullPathName().toRawUTF8(), &info) != 0)
             return {};
 
         return juce::String ((juce::int64) info.st_dev) + ":" + juce::String ((juce::int64) info.st_ino) + ":"
-             + juce::String ((juce::int64) info.st_size) + ":" + juce::String ((juce::int64) info.st_mtim.tv_sec) + "."
-             + juce::String ((juce::int64) info.st_mtim.tv_nsec);
+               + juce::String ((juce::int64) info.st_size) + ":" + juce::String ((juce::int64) info.st_mtim.tv_sec) + "."
+               + juce::String ((juce::int64) info.st_mtim.tv_nsec);
     }
 
     /** JUCE's WAV reader allocates what a chunk header claims before it reads the chunk, so
@@ -135,7 +139,8 @@ namespace
         if (! in.setPosition (0) || in.read (kind, 4) != 4)
             return {};
 
-        const auto is = [] (const char* a, const char* b) { return std::memcmp (a, b, 4) == 0; };
+        const auto is = [] (const char* a, const char* b)
+        { return std::memcmp (a, b, 4) == 0; };
         const auto isRiff = is (kind, "RIFF") || is (kind, "RIFX") || is (kind, "RF64");
         const auto bigEndian = is (kind, "FORM") || is (kind, "RIFX");
 
@@ -148,13 +153,15 @@ namespace
 
         const auto isChunkId = [] (const char* id)
         {
-            return std::all_of (id, id + 4, [] (char c) { return c >= 32 && c < 127; });
+            return std::all_of (id, id + 4, [] (char c)
+                                { return c >= 32 && c < 127; });
         };
 
         // Raw bytes are never printed: a damaged file's "chunk ID" may be audio.
         const auto describe = [] (const char* id, juce::int64 at)
         {
-            const auto isName = std::all_of (id, id + 4, [] (char c) { return juce::CharacterFunctions::isLetterOrDigit (c) || c == ' ' || c == '_'; });
+            const auto isName = std::all_of (id, id + 4, [] (char c)
+                                             { return juce::CharacterFunctions::isLetterOrDigit (c) || c == ' ' || c == '_'; });
             return isName ? "its '" + juce::String (id, 4) + "' chunk" : "the chunk at byte " + juce::String (at);
         };
 
@@ -280,13 +287,15 @@ namespace
 
         // The extension's format first; the others still get a try, by content.
         std::stable_partition (formats.begin(), formats.end(),
-                               [&] (auto& format) { return format->canHandleFile (file); });
+                               [&] (auto& format)
+                               { return format->canHandleFile (file); });
         return formats;
     }
 }
 
 //==============================================================================
-InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
+InputAudio::InputAudio (const juce::File& fileToRead)
+    : file (fileToRead)
 {
     if (! file.exists())
         throw CliError (ExitCode::inputUnreadable, quoted (file) + ": no such file");
@@ -303,7 +312,7 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
     const auto refuseChannels = [&] (int channels)
     {
         return CliError (ExitCode::badFormat, quoted (file) + " has " + juce::String (channels)
-                                              + " channels; Quenda is a stereo equaliser and takes mono or stereo files");
+                                                  + " channels; Quenda is a stereo equaliser and takes mono or stereo files");
     };
 
     std::vector<juce::int64> unsafeChunkIds;
@@ -355,14 +364,14 @@ InputAudio::InputAudio (const juce::File& fileToRead) : file (fileToRead)
 
     if (! (reader->sampleRate >= 8000.0 && reader->sampleRate <= 384000.0))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample rate "
-                                              + juce::String (reader->sampleRate) + " Hz (8000 to 384000 Hz)");
+                                                 + juce::String (reader->sampleRate) + " Hz (8000 to 384000 Hz)");
 
     // Frames of absurd size make JUCE's WAV and AIFF readers loop without end.
     if (! isFlac() && reader->bitsPerSample != 8 && reader->bitsPerSample != 16
-                   && reader->bitsPerSample != 24 && reader->bitsPerSample != 32
-                   && ! (reader->bitsPerSample == 64 && isFloat()))
+        && reader->bitsPerSample != 24 && reader->bitsPerSample != 32
+        && ! (reader->bitsPerSample == 64 && isFloat()))
         throw CliError (ExitCode::badFormat, quoted (file) + ": unsupported sample format ("
-                                              + juce::String (reader->bitsPerSample) + " bits)");
+                                                 + juce::String (reader->bitsPerSample) + " bits)");
 
     if (reader->lengthInSamples < 0)
         throw CliError (ExitCode::badFormat, quoted (file) + ": damaged header (negative length)");

@@ -12,7 +12,9 @@ namespace cli
 /** A write the system cut short sets no error code; the size limit is the usual cause. */
 static juce::String explainShortWrite (juce::int64 sizeWanted)
 {
-    struct rlimit limit {};
+    struct rlimit limit
+    {
+    };
 
     if (::getrlimit (RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
         && sizeWanted >= (juce::int64) limit.rlim_cur)
@@ -36,7 +38,7 @@ public:
     CheckedOutputStream (std::unique_ptr<juce::FileOutputStream> target, std::shared_ptr<WriteOutcome> outcomeToFill)
         : stream (std::move (target)), outcome (std::move (outcomeToFill)) {}
 
-    ~CheckedOutputStream() override                 { flush(); }
+    ~CheckedOutputStream() override { flush(); }
 
     void flush() override
     {
@@ -45,7 +47,7 @@ public:
     }
 
     bool setPosition (juce::int64 position) override { return note (stream->setPosition (position)); }
-    juce::int64 getPosition() override              { return stream->getPosition(); }
+    juce::int64 getPosition() override { return stream->getPosition(); }
 
     bool write (const void* data, size_t numBytes) override
     {
@@ -86,13 +88,13 @@ OutputFormat chooseOutputFormat (const juce::File& output, int requestedBitDepth
         result.format = std::make_unique<juce::FlacAudioFormat>();
     else
         throw CliError (ExitCode::badFormat, quoted (output) + ": unsupported output format '" + extension
-                                              + "' (use .wav, .aiff or .flac)");
+                                                 + "' (use .wav, .aiff or .flac)");
 
     const auto canFloat = result.format->getPossibleBitDepths().contains (32);
 
     if (requestedBitDepth == 32 && ! canFloat)
         throw CliError (ExitCode::badUsage, "--bit-depth 32 (float) needs a WAV output; "
-                                            + result.format->getFormatName() + " takes 16 or 24");
+                                                + result.format->getFormatName() + " takes 16 or 24");
 
     if (requestedBitDepth != 0)
         result.bitDepth = requestedBitDepth;
@@ -111,7 +113,7 @@ namespace
     constexpr int conversionChunk = 4096;
 
     constexpr float ditherScale = 32768.0f;
-    constexpr float stepTolerance = 1.0f / 65536.0f;    // of a step: about -186 dBFS
+    constexpr float stepTolerance = 1.0f / 65536.0f;   // of a step: about -186 dBFS
 
     /** A 16-bit level of each of four samples: TPDF dither of +-1 step from two draws (times
         ditherGain: 1 or 0), half a step, then floored, within the format's range. A sample
@@ -126,24 +128,24 @@ namespace
         auto scaled = samples * ditherScale;
         scaled = scaled == scaled ? scaled : Floats {};
         const auto bounded = scaled < -2.0f * ditherScale ? Floats {} - 2.0f * ditherScale
-                           : (scaled > 2.0f * ditherScale ? Floats {} + 2.0f * ditherScale : scaled);
+                                                          : (scaled > 2.0f * ditherScale ? Floats {} + 2.0f * ditherScale : scaled);
         const auto roundedUp = bounded + 0.5f;
-        const auto truncatedUp = __builtin_convertvector (roundedUp, Ints);
-        const auto nearest = __builtin_convertvector (truncatedUp + (roundedUp < __builtin_convertvector (truncatedUp, Floats)), Floats);
+        const auto truncatedUp = __builtin_convertvector(roundedUp, Ints);
+        const auto nearest = __builtin_convertvector(truncatedUp + (roundedUp < __builtin_convertvector(truncatedUp, Floats)), Floats);
 
         // The processor's guards against denormals leave traces far below a step on silence.
         const auto distance = bounded - nearest;
         const auto onStep = (distance <= stepTolerance) & (distance >= -stepTolerance);
 
         // 24 bits of each draw: their difference converts exactly.
-        auto dither = __builtin_convertvector ((Ints) (first >> 8) - (Ints) (second >> 8), Floats) * (ditherGain / 16777216.0f);
+        auto dither = __builtin_convertvector((Ints) (first >> 8) - (Ints) (second >> 8), Floats) * (ditherGain / 16777216.0f);
         dither = onStep ? Floats {} : dither;
         auto exact = (onStep ? nearest : bounded) + dither + 0.5f;
         clips += (exact < -ditherScale) | (exact >= ditherScale);
         exact = exact < -ditherScale ? Floats {} - ditherScale : exact;
         const auto limited = exact > ditherScale - 1.0f ? Floats {} + (ditherScale - 1.0f) : exact;
-        const auto truncated = __builtin_convertvector (limited, Ints);
-        return truncated + (limited < __builtin_convertvector (truncated, Floats));   // true is -1
+        const auto truncated = __builtin_convertvector(limited, Ints);
+        return truncated + (limited < __builtin_convertvector(truncated, Floats));   // true is -1
     }
 }
 
@@ -186,7 +188,7 @@ AudioFileWriter::AudioFileWriter (const PendingFile& target, const OutputFormat&
 
     if (writer == nullptr)
         throw CliError (ExitCode::badFormat, "cannot write " + juce::String (bitDepth) + "-bit "
-                                              + format.format->getFormatName() + " at " + juce::String (sampleRate) + " Hz");
+                                                 + format.format->getFormatName() + " at " + juce::String (sampleRate) + " Hz");
 
     stream.release();
     integerSamples.resize ((size_t) numChannels * conversionChunk);
@@ -239,7 +241,7 @@ void AudioFileWriter::write (const juce::AudioBuffer<float>& block, int start, i
 
         if (! writer->write (channelData.data(), count) || outcome->error.isNotEmpty())
             throw CliError (ExitCode::outputUnwritable, "writing " + quoted (destination) + " failed: "
-                                                         + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
+                                                            + (outcome->error.isNotEmpty() ? outcome->error : juce::String ("disk full?")));
     }
 }
 
@@ -343,9 +345,9 @@ void AudioFileWriter::convert (const juce::AudioBuffer<float>& block, int start,
         for (int i = 0; i < numSamples; ++i)
         {
             const auto sample = (double) source[i];
-            target[i] = sample <= -1.0 ? std::numeric_limits<int>::min()
-                      : sample >= 1.0  ? std::numeric_limits<int>::max()
-                                       : juce::roundToInt ((double) std::numeric_limits<int>::max() * sample);
+            target[i] = sample <= -1.0  ? std::numeric_limits<int>::min()
+                        : sample >= 1.0 ? std::numeric_limits<int>::max()
+                                        : juce::roundToInt ((double) std::numeric_limits<int>::max() * sample);
         }
     }
 }

@@ -38,7 +38,8 @@ namespace
     {
         const auto millis = (juce::int64) std::floor ((double) position * 1000.0 / sampleRate);
         const auto seconds = millis / 1000, minutes = seconds / 60, hours = minutes / 60;
-        const auto two = [] (juce::int64 n) { return juce::String (n).paddedLeft ('0', 2); };
+        const auto two = [] (juce::int64 n)
+        { return juce::String (n).paddedLeft ('0', 2); };
         auto text = hours > 0 ? juce::String (hours) + ":" + two (minutes % 60) : juce::String (minutes);
         return text + ":" + two (seconds % 60) + "." + juce::String (millis % 1000).paddedLeft ('0', 3);
     }
@@ -70,7 +71,8 @@ namespace
     {
         struct Meters
         {
-            Meters (int numChannels, double sampleRate) : bands (numChannels, sampleRate), loudness (numChannels, sampleRate) {}
+            Meters (int numChannels, double sampleRate)
+                : bands (numChannels, sampleRate), loudness (numChannels, sampleRate) {}
 
             void add (const juce::AudioBuffer<float>& block, int start, int numSamples)
             {
@@ -82,11 +84,13 @@ namespace
             LoudnessMeter loudness;
         };
 
-        Analysis (int numChannels, double sampleRate) : before (numChannels, sampleRate), after (numChannels, sampleRate) {}
+        Analysis (int numChannels, double sampleRate)
+            : before (numChannels, sampleRate), after (numChannels, sampleRate) {}
 
         juce::String report() const
         {
-            const auto lufs = [] (double value) { return std::isfinite (value) ? juce::String (value, 1) + " LUFS" : juce::String ("-inf LUFS"); };
+            const auto lufs = [] (double value)
+            { return std::isfinite (value) ? juce::String (value, 1) + " LUFS" : juce::String ("-inf LUFS"); };
             return "Integrated loudness: " + lufs (before.loudness.integrated()) + " before, " + lufs (after.loudness.integrated())
                    + " after\n\n" + bandTable (before.bands.levels(), after.bands.levels());
         }
@@ -132,7 +136,8 @@ namespace
             if (fromStdin)
                 spool = std::make_unique<StdinSpool>();
 
-            const auto inputFile = fromStdin ? spool->file() : options.input.isNotEmpty() ? resolve (options.input) : juce::File();
+            const auto inputFile = fromStdin ? spool->file() : options.input.isNotEmpty() ? resolve (options.input)
+                                                                                          : juce::File();
             juce::Array<juce::File> targets;
 
             for (auto* path : { &options.output, &options.plotFile, &options.presetToSave })
@@ -277,28 +282,29 @@ namespace
 
             auto analysis = options.analyse ? std::make_unique<Analysis> (input.numChannels(), sampleRate) : nullptr;
 
-            renderer.run (input.length(),
-                          [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
-                          {
-                              input.read (block, position, count);
+            renderer.run (
+                input.length(),
+                [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
+                {
+                    input.read (block, position, count);
 
-                              if (analysis != nullptr)
-                                  analysis->before.add (block, 0, count);
-                          },
-                          [&] (const juce::AudioBuffer<float>& block, int start, int count)
-                          {
-                              writer.write (block, start, count);
+                    if (analysis != nullptr)
+                        analysis->before.add (block, 0, count);
+                },
+                [&] (const juce::AudioBuffer<float>& block, int start, int count)
+                {
+                    writer.write (block, start, count);
 
-                              if (analysis != nullptr)
-                                  analysis->after.add (block, start, count);
-                          },
-                          [&] (juce::int64 done, juce::int64 total)
-                          {
-                              if (batchProgress)
-                                  batchProgress (done, total);
-                              else
-                                  bar.update (done, total);
-                          });
+                    if (analysis != nullptr)
+                        analysis->after.add (block, start, count);
+                },
+                [&] (juce::int64 done, juce::int64 total)
+                {
+                    if (batchProgress)
+                        batchProgress (done, total);
+                    else
+                        bar.update (done, total);
+                });
 
             bar.finish();
             writer.close();
@@ -380,20 +386,23 @@ namespace
             LoudnessMeter before (input.numChannels(), input.sampleRate()), after (input.numChannels(), input.sampleRate());
             Renderer renderer (processor, input.numChannels(), input.sampleRate(), { options.blockSize, options.latencyCompensation });
 
-            renderer.run (input.length(),
-                          [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
-                          {
-                              input.read (block, position, count);
-                              before.add (block, 0, count);
-                          },
-                          [&] (const juce::AudioBuffer<float>& block, int start, int count) { after.add (block, start, count); });
+            renderer.run (
+                input.length(),
+                [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
+                {
+                    input.read (block, position, count);
+                    before.add (block, 0, count);
+                },
+                [&] (const juce::AudioBuffer<float>& block, int start, int count)
+                { after.add (block, start, count); });
 
             const auto target = before.integrated(), measured = after.integrated();
 
             if (! std::isfinite (target) || ! std::isfinite (measured))
             {
                 note ("warning: --match-loudness: the audio is too short or quiet to measure (under 0.4 s or"
-                      " below -70 LUFS); the trim stays at " + juce::String (values[ParameterTable::trimIndex], 2) + " dB");
+                      " below -70 LUFS); the trim stays at "
+                      + juce::String (values[ParameterTable::trimIndex], 2) + " dB");
                 return;
             }
 
@@ -428,12 +437,12 @@ namespace
                 for (auto& input : inputs)
                     if (input.existsAsFile() && isSameFile (input, outputs[i]))
                         throw CliError (ExitCode::outputUnwritable, "refusing to write " + quoted (outputs[i])
-                                                                     + ": it is an input file (use --suffix or another folder)");
+                                                                        + ": it is an input file (use --suffix or another folder)");
 
                 for (size_t j = 0; j < i; ++j)
                     if (isSameFile (outputs[i], outputs[j]))
                         throw CliError (ExitCode::badUsage, quoted (inputs[j]) + " and " + quoted (inputs[i])
-                                                            + " would both be written to " + quoted (outputs[i]));
+                                                                + " would both be written to " + quoted (outputs[i]));
             }
 
             if (folder.existsAsFile())
@@ -442,7 +451,7 @@ namespace
             // "a.wav b.wav -o mix.wav" is more likely a slip than a wish for a folder of that name.
             if (! folder.exists() && juce::StringArray { ".wav", ".wave", ".aif", ".aiff", ".flac" }.contains (folder.getFileExtension().toLowerCase()))
                 throw CliError (ExitCode::badUsage, "several inputs go into a folder, and " + quoted (folder)
-                                                    + " looks like a file name; give a folder (it is created)");
+                                                        + " looks like a file name; give a folder (it is created)");
 
             if (! folder.isDirectory() && ! folder.createDirectory().wasOk())
                 throw CliError (ExitCode::outputUnwritable, "cannot create the output folder " + quoted (folder));
@@ -543,12 +552,12 @@ namespace
             // Input order, whatever order they finished in.
             int failed = 0, firstCode = 0;
             const auto nameWidth = juce::jlimit (5, 40, [&]
-            {
+                                                            {
                 int widest = 0;
                 for (auto& input : inputs)
                     widest = std::max (widest, input.getFileName().length());
-                return widest;
-            }() + 2);
+                return widest; }()
+                                                            + 2);
 
             juce::String table;
             table << juce::String ("input").paddedRight (' ', nameWidth) << juce::String ("result").paddedRight (' ', 8)
@@ -629,11 +638,11 @@ namespace
             // Without settings of the user's own, a full rising tilt: brighter, easy to hear.
             if (options.parameterValues.empty() && options.presetToLoad.isEmpty())
             {
-                applySettings (processor, [] {
+                applySettings (processor, []
+                               {
                     Options demoSettings;
                     demoSettings.parameterValues = { { "tilt", -1.0f }, { "lin_phase", 1.0f } };
-                    return demoSettings;
-                }());
+                    return demoSettings; }());
             }
 
             constexpr double sampleRate = 48000.0;
@@ -716,7 +725,10 @@ bool isWellFormedUtf8 (const char* bytes, size_t size) noexcept
     for (size_t i = 0; i < size;)
     {
         const auto lead = text[i];
-        const auto length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xe ? 3 : (lead >> 3) == 0x1e ? 4 : 0;
+        const auto length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2
+                                          : (lead >> 4) == 0xe   ? 3
+                                          : (lead >> 3) == 0x1e  ? 4
+                                                                 : 0;
 
         if (length == 0 || i + (size_t) length > size)
             return false;

@@ -31,7 +31,7 @@ namespace
 juce::AudioBuffer<float> makeDemoSignal (double sampleRate, double seconds)
 {
     const auto length = (int) (sampleRate * seconds);
-    const auto beat = 0.5;                              // 120 bpm
+    const auto beat = 0.5;   // 120 bpm
     const int bassLine[] = { 33, 33, 45, 33, 31, 31, 43, 36 };
     const int chords[][3] = { { 57, 60, 64 }, { 55, 59, 62 }, { 53, 57, 60 }, { 55, 59, 64 } };
     const int melody[] = { 76, 74, 72, 74, 76, 76, 76, 0, 74, 74, 74, 0, 76, 79, 79, 0 };
@@ -166,7 +166,8 @@ std::vector<BandLevel> OctaveBandMeter::levels() const
         if (centre * std::sqrt (2.0) >= sampleRate / 2.0)
             break;
 
-        const auto binOf = [&] (double frequency) { return (size_t) std::lround (frequency * size / sampleRate); };
+        const auto binOf = [&] (double frequency)
+        { return (size_t) std::lround (frequency * size / sampleRate); };
         double sum = 0.0;
 
         for (auto k = binOf (centre / std::sqrt (2.0)); k < binOf (centre * std::sqrt (2.0)) && k < power.size(); ++k)

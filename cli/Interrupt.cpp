@@ -16,7 +16,12 @@ namespace
 
     // Plain arrays and lock-free flags: all the handler may touch. A slot is claimed before
     // its path is written, so that jobs on several threads never share one.
-    enum SlotState : int { freeSlot, claimedSlot, slotInUseState };
+    enum SlotState : int
+    {
+        freeSlot,
+        claimedSlot,
+        slotInUseState
+    };
     char trackedPaths[maxTracked][PATH_MAX];
     std::atomic<int> slotState[maxTracked];
 
@@ -37,9 +42,9 @@ namespace
                 ::unlink (trackedPaths[i]);
 
         // Only async-signal-safe calls here: fixed texts through write().
-        say (signalNumber == SIGINT ? "quenda-render: interrupted (SIGINT); no partial output left\n"
-           : signalNumber == SIGTERM ? "quenda-render: terminated (SIGTERM); no partial output left\n"
-                                     : "quenda-render: hung up (SIGHUP); no partial output left\n");
+        say (signalNumber == SIGINT    ? "quenda-render: interrupted (SIGINT); no partial output left\n"
+             : signalNumber == SIGTERM ? "quenda-render: terminated (SIGTERM); no partial output left\n"
+                                       : "quenda-render: hung up (SIGHUP); no partial output left\n");
 
         std::signal (signalNumber, SIG_DFL);
         std::raise (signalNumber);
@@ -48,14 +53,18 @@ namespace
 
 void installHandlers()
 {
-    struct sigaction action {};
+    struct sigaction action
+    {
+    };
     action.sa_handler = removeTrackedFilesAndRaise;
     sigemptyset (&action.sa_mask);
 
     for (auto signalNumber : { SIGINT, SIGTERM, SIGHUP })
     {
         // A signal ignored by whoever started us (nohup, a background job) stays ignored.
-        struct sigaction previous {};
+        struct sigaction previous
+        {
+        };
         sigaction (signalNumber, nullptr, &previous);
 
         if (previous.sa_handler != SIG_IGN)

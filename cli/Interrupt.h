@@ -12,10 +12,10 @@
 */
 namespace cli::interrupt
 {
-    void installHandlers();
+void installHandlers();
 
-    /** False when all slots are taken or the path is too long; the caller still deletes
+/** False when all slots are taken or the path is too long; the caller still deletes
         the file itself on normal exits. */
-    bool track (const juce::File& file);
-    void untrack (const juce::File& file);
+bool track (const juce::File& file);
+void untrack (const juce::File& file);
 }

@@ -105,10 +105,12 @@ namespace
     class ArgumentReader
     {
     public:
-        explicit ArgumentReader (const juce::StringArray& argsToRead) : args (argsToRead) {}
+        explicit ArgumentReader (const juce::StringArray& argsToRead)
+            : args (argsToRead) {}
 
-        bool atEnd() const                      { return bundle.isEmpty() && index >= args.size(); }
-        juce::String peek() const               { return bundle.isNotEmpty() ? bundle : index < args.size() ? args[index] : juce::String(); }
+        bool atEnd() const { return bundle.isEmpty() && index >= args.size(); }
+        juce::String peek() const { return bundle.isNotEmpty() ? bundle : index < args.size() ? args[index]
+                                                                                              : juce::String(); }
 
         juce::String next()
         {
@@ -134,7 +136,7 @@ namespace
             return arg;
         }
 
-        bool hasAttachedValue() const           { return attached.has_value(); }
+        bool hasAttachedValue() const { return attached.has_value(); }
 
         /** The option's value; the next argument is taken even if it starts with '-',
             so that "--tilt -0.5" works. */
@@ -159,7 +161,7 @@ namespace
         const juce::StringArray& args;
         int index = 0;
         std::optional<juce::String> attached;
-        juce::String bundle;                    // the rest of "-qy" after "-q"
+        juce::String bundle;   // the rest of "-qy" after "-q"
     };
 }
 
@@ -240,24 +242,42 @@ Options parseOptions (const juce::StringArray& args, const std::vector<Parameter
             target = true;
         };
 
-        if (option == "--")                                     optionsEnded = true;
-        else if (option == "-h" || option == "--help")          flag (options.help);
-        else if (option == "-V" || option == "--version")       flag (options.version);
-        else if (option == "-i" || option == "--input")         options.input = reader.value (option);
-        else if (option == "-o" || option == "--output")        options.output = reader.value (option);
-        else if (option == "--output-dir")                      options.outputFolder = reader.value (option);
-        else if (option == "--suffix")                          options.suffix = reader.value (option);
-        else if (option == "-j" || option == "--jobs")          options.jobs = integerIn (option, reader.value (option), 1, 64);
-        else if (option == "--analyse" || option == "--analyze") flag (options.analyse);
-        else if (option == "--match-loudness")                  flag (options.matchLoudness);
-        else if (option == "-y" || option == "--overwrite")     flag (options.overwrite);
-        else if (option == "-q" || option == "--quiet")         flag (options.quiet);
-        else if (option == "-v" || option == "--verbose")       flag (options.verbose);
-        else if (option == "--list-params")                     flag (options.listParameters);
-        else if (option == "--json")                            flag (options.json);
-        else if (option == "--preset")                          options.presetToLoad = reader.value (option);
-        else if (option == "--save-preset")                     options.presetToSave = reader.value (option);
-        else if (option == "--plot")                            options.plotFile = reader.value (option);
+        if (option == "--")
+            optionsEnded = true;
+        else if (option == "-h" || option == "--help")
+            flag (options.help);
+        else if (option == "-V" || option == "--version")
+            flag (options.version);
+        else if (option == "-i" || option == "--input")
+            options.input = reader.value (option);
+        else if (option == "-o" || option == "--output")
+            options.output = reader.value (option);
+        else if (option == "--output-dir")
+            options.outputFolder = reader.value (option);
+        else if (option == "--suffix")
+            options.suffix = reader.value (option);
+        else if (option == "-j" || option == "--jobs")
+            options.jobs = integerIn (option, reader.value (option), 1, 64);
+        else if (option == "--analyse" || option == "--analyze")
+            flag (options.analyse);
+        else if (option == "--match-loudness")
+            flag (options.matchLoudness);
+        else if (option == "-y" || option == "--overwrite")
+            flag (options.overwrite);
+        else if (option == "-q" || option == "--quiet")
+            flag (options.quiet);
+        else if (option == "-v" || option == "--verbose")
+            flag (options.verbose);
+        else if (option == "--list-params")
+            flag (options.listParameters);
+        else if (option == "--json")
+            flag (options.json);
+        else if (option == "--preset")
+            options.presetToLoad = reader.value (option);
+        else if (option == "--save-preset")
+            options.presetToSave = reader.value (option);
+        else if (option == "--plot")
+            options.plotFile = reader.value (option);
         else if (option == "--no-latency-compensation")
         {
             reader.rejectAttachedValue (option);

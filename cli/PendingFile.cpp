@@ -32,8 +32,7 @@ namespace
     double processStartTime (pid_t pid)
     {
         const auto stat = juce::File ("/proc/" + juce::String (pid) + "/stat").loadFileAsString();
-        const auto bootLine = juce::File ("/proc/stat").loadFileAsString()
-                                  .fromFirstOccurrenceOf ("btime ", false, false).upToFirstOccurrenceOf ("\n", false, false);
+        const auto bootLine = juce::File ("/proc/stat").loadFileAsString().fromFirstOccurrenceOf ("btime ", false, false).upToFirstOccurrenceOf ("\n", false, false);
 
         // Field 22, counted after the command name, which may itself hold spaces.
         const auto fields = juce::StringArray::fromTokens (stat.fromLastOccurrenceOf (")", false, false), " ", {});
@@ -64,7 +63,10 @@ namespace
     {
         juce::StringArray removed;
         const auto prefix = "." + name + ".";
-        struct Closer { void operator() (DIR* d) const { ::closedir (d); } };
+        struct Closer
+        {
+            void operator() (DIR* d) const { ::closedir (d); }
+        };
         std::unique_ptr<DIR, Closer> directory (::opendir (folder.getFullPathName().toRawUTF8()));
 
         if (directory == nullptr)
@@ -84,7 +86,9 @@ namespace
                 continue;
 
             const auto file = folder.getChildFile (entryName);
-            struct stat info {};
+            struct stat info
+            {
+            };
 
             if (::lstat (file.getFullPathName().toRawUTF8(), &info) != 0 || ! S_ISREG (info.st_mode) || info.st_uid != ::getuid())
                 continue;
@@ -105,7 +109,9 @@ juce::File followLinks (const juce::File& file)
 
     for (int hops = 0; hops < 40; ++hops)
     {
-        struct stat info {};
+        struct stat info
+        {
+        };
 
         if (::lstat (current.getFullPathName().toRawUTF8(), &info) != 0 || ! S_ISLNK (info.st_mode))
             return current;
@@ -125,13 +131,15 @@ juce::File followLinks (const juce::File& file)
 
 void refuseToReplace (const juce::File& file, bool overwrite)
 {
-    struct stat info {};
+    struct stat info
+    {
+    };
 
     if (overwrite || ::stat (file.getFullPathName().toRawUTF8(), &info) != 0 || S_ISDIR (info.st_mode))
         return;
 
     throw CliError (ExitCode::outputExists, quoted (file) + (isReadOnly (info) ? " exists and is read-only" : " exists")
-                                            + "; use -y/--overwrite to replace it");
+                                                + "; use -y/--overwrite to replace it");
 }
 
 PendingFile::PendingFile (const juce::File& targetFile, bool overwriteExisting)
@@ -146,12 +154,13 @@ PendingFile::PendingFile (const juce::File& targetFile, bool overwriteExisting)
 
     if (! folder.isDirectory())
         throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": folder "
-                                                     + quoted (folder) + " does not exist");
+                                                        + quoted (folder) + " does not exist");
 
     notes = removeStaleTemporaries (folder, resolved.getFileName());
 
     auto pattern = folder.getChildFile ("." + resolved.getFileName() + "." + juce::String (::getpid()) + ".XXXXXX")
-                       .getFullPathName().toStdString();
+                       .getFullPathName()
+                       .toStdString();
     const auto descriptor = ::mkstemp (pattern.data());
 
     if (descriptor < 0)
@@ -159,7 +168,9 @@ PendingFile::PendingFile (const juce::File& targetFile, bool overwriteExisting)
 
     // mkstemp makes the file private; give it the mode a plain new file would get, or the
     // mode of the file it replaces.
-    struct stat existing {};
+    struct stat existing
+    {
+    };
     const auto mask = ::umask (0);
     ::umask (mask);
 
@@ -243,13 +254,13 @@ juce::StringArray writeFileSafely (const juce::File& target, const juce::MemoryB
 
         if (stream.failedToOpen() || ! stream.write (data.getData(), data.getSize()))
             throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": "
-                                                         + stream.getStatus().getErrorMessage());
+                                                            + stream.getStatus().getErrorMessage());
 
         stream.flush();
 
         if (stream.getStatus().failed())
             throw CliError (ExitCode::outputUnwritable, "cannot write " + quoted (target) + ": "
-                                                         + stream.getStatus().getErrorMessage());
+                                                            + stream.getStatus().getErrorMessage());
     }
 
     pending.commit();
@@ -258,7 +269,9 @@ juce::StringArray writeFileSafely (const juce::File& target, const juce::MemoryB
 
 bool isSameFile (const juce::File& a, const juce::File& b)
 {
-    struct stat first {}, second {};
+    struct stat first
+    {
+    }, second {};
 
     if (::stat (a.getFullPathName().toRawUTF8(), &first) == 0 && ::stat (b.getFullPathName().toRawUTF8(), &second) == 0)
         return first.st_dev == second.st_dev && first.st_ino == second.st_ino;

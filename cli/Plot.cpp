@@ -67,7 +67,8 @@ ResponseCurve measureResponse (QuendaAudioProcessor& processor, double sampleRat
 juce::String describeSettings (QuendaAudioProcessor& processor)
 {
     const auto values = processor.getParameterValues();
-    const auto on = [] (float value) { return value >= 0.5f; };
+    const auto on = [] (float value)
+    { return value >= 0.5f; };
 
     const auto tilt = values[ParameterTable::tiltIndex];
 
@@ -103,7 +104,7 @@ juce::Image drawResponse (const ResponseCurve& curve, const juce::String& captio
     juce::Graphics g (image);
 
     const juce::Colour background (0xff15191e), grid (0xff2c333b), gridStrong (0xff46505b),
-                       text (0xffb8c2cc), trace (0xfff2a93b);
+        text (0xffb8c2cc), trace (0xfff2a93b);
 
     g.fillAll (background);
 
@@ -115,8 +116,7 @@ juce::Image drawResponse (const ResponseCurve& curve, const juce::String& captio
         largest = std::max (largest, std::abs (value));
 
     double range = 48.0, step = 8.0;
-    for (auto [candidate, candidateStep] : { std::pair { 3.0, 0.5 }, { 6.0, 1.0 }, { 12.0, 2.0 }, { 18.0, 3.0 },
-                                             { 24.0, 4.0 }, { 36.0, 6.0 }, { 48.0, 8.0 } })
+    for (auto [candidate, candidateStep] : { std::pair { 3.0, 0.5 }, { 6.0, 1.0 }, { 12.0, 2.0 }, { 18.0, 3.0 }, { 24.0, 4.0 }, { 36.0, 6.0 }, { 48.0, 8.0 } })
     {
         if (largest + 0.5 <= candidate)
         {
@@ -128,8 +128,7 @@ juce::Image drawResponse (const ResponseCurve& curve, const juce::String& captio
 
     const auto xFor = [&] (double frequency)
     {
-        return area.getX() + area.getWidth() * (float) (std::log (frequency / lowestFrequency)
-                                                        / std::log (highestFrequency / lowestFrequency));
+        return area.getX() + area.getWidth() * (float) (std::log (frequency / lowestFrequency) / std::log (highestFrequency / lowestFrequency));
     };
 
     const auto yFor = [&] (double db)

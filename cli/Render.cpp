@@ -110,19 +110,20 @@ juce::AudioBuffer<float> renderBuffer (QuendaAudioProcessor& processor, const ju
     Renderer renderer (processor, channels, sampleRate, settings);
     int writePosition = 0;
 
-    renderer.run (input.getNumSamples(),
-                  [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
-                  {
-                      for (int channel = 0; channel < channels; ++channel)
-                          block.copyFrom (channel, 0, input, channel, (int) position, count);
-                  },
-                  [&] (const juce::AudioBuffer<float>& block, int start, int count)
-                  {
-                      for (int channel = 0; channel < channels; ++channel)
-                          output.copyFrom (channel, writePosition, block, channel, start, count);
+    renderer.run (
+        input.getNumSamples(),
+        [&] (juce::AudioBuffer<float>& block, juce::int64 position, int count)
+        {
+            for (int channel = 0; channel < channels; ++channel)
+                block.copyFrom (channel, 0, input, channel, (int) position, count);
+        },
+        [&] (const juce::AudioBuffer<float>& block, int start, int count)
+        {
+            for (int channel = 0; channel < channels; ++channel)
+                output.copyFrom (channel, writePosition, block, channel, start, count);
 
-                      writePosition += count;
-                  });
+            writePosition += count;
+        });
 
     return output;
 }

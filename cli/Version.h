@@ -5,6 +5,6 @@
 
 namespace cli
 {
-    /** "quenda-render 1.1.0 (git 0123abcd4567)\n"; without the hash when built outside git. */
-    juce::String versionText();
+/** "quenda-render 1.1.0 (git 0123abcd4567)\n"; without the hash when built outside git. */
+juce::String versionText();
 }

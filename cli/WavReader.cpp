@@ -54,10 +54,10 @@ namespace
 
             switch (layout.bitsPerSample * (layout.isFloat ? -1 : 1))
             {
-                case 8:   ReadHelper<AudioData::Int32, AudioData::UInt8, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
-                case 16:  ReadHelper<AudioData::Int32, AudioData::Int16, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
-                case 24:  ReadHelper<AudioData::Int32, AudioData::Int24, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
-                case 32:  ReadHelper<AudioData::Int32, AudioData::Int32, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
+                case 8: ReadHelper<AudioData::Int32, AudioData::UInt8, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
+                case 16: ReadHelper<AudioData::Int32, AudioData::Int16, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
+                case 24: ReadHelper<AudioData::Int32, AudioData::Int24, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
+                case 32: ReadHelper<AudioData::Int32, AudioData::Int32, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
                 case -32: ReadHelper<AudioData::Float32, AudioData::Float32, AudioData::LittleEndian>::read (destination, offset, numDestChannels, buffer, channels, frames); break;
                 case -64:
                     // Float destinations hold the float's bits; JUCE has no 64-bit sample type.
@@ -84,12 +84,12 @@ namespace
                         }
                     }
                     break;
-                default:  jassertfalse; break;
+                default: jassertfalse; break;
             }
         }
 
         const WavLayout layout;
-        char buffer[3 * 8 * 1024];              // whole frames of every supported size
+        char buffer[3 * 8 * 1024];   // whole frames of every supported size
     };
 }
 

@@ -74,11 +74,11 @@ void FFTW3FFT::init (size_t size)
     const fftwf_iodim dimension { static_cast<int> (fftSize), 1, 1 };
 
     splitForwardPlan.reset (fftwf_plan_guru_split_dft_r2c (1, &dimension, 0, nullptr,
-                                                          timeBuffer.get(), splitRe.get(), splitIm.get(),
-                                                          FFTW_ESTIMATE));
+                                                           timeBuffer.get(), splitRe.get(), splitIm.get(),
+                                                           FFTW_ESTIMATE));
     splitInversePlan.reset (fftwf_plan_guru_split_dft_c2r (1, &dimension, 0, nullptr,
-                                                          splitRe.get(), splitIm.get(), timeBuffer.get(),
-                                                          FFTW_ESTIMATE));
+                                                           splitRe.get(), splitIm.get(), timeBuffer.get(),
+                                                           FFTW_ESTIMATE));
 
     forwardOutput = allocate<Complex> (numBins);
     inverseInput = allocate<Complex> (numBins);
@@ -293,4 +293,4 @@ void AlignedFloats::clear() noexcept
     std::fill_n (values.get(), count, 0.0f);
 }
 
-} // namespace audiofft
+}   // namespace audiofft

@@ -98,11 +98,11 @@ private:
     size_t fftSize = 0;
     size_t numBins = 0;
 
-    detail::FftwPlan forwardPlan, inversePlan;             // interleaved
+    detail::FftwPlan forwardPlan, inversePlan;   // interleaved
     detail::FftwPlan splitForwardPlan, splitInversePlan;
 
     detail::FftwArray<float> splitRe, splitIm;
-    detail::FftwArray<float> timeBuffer;                   // shared by all plans
+    detail::FftwArray<float> timeBuffer;   // shared by all plans
     detail::FftwArray<Complex> forwardOutput, inverseInput;
 };
 
@@ -138,7 +138,7 @@ public:
 private:
     int fftSize = 0;
     detail::FftwPlan forwardPlan, inversePlan;
-    detail::FftwArray<float> interleaved;    // N/2 + 1 complex values
+    detail::FftwArray<float> interleaved;   // N/2 + 1 complex values
 };
 
 /**
@@ -191,17 +191,17 @@ public:
     explicit AlignedFloats (size_t size) { resize (size); }
     void resize (size_t count);
 
-    float* data() noexcept              { return values.get(); }
-    const float* data() const noexcept  { return values.get(); }
-    size_t size() const noexcept        { return count; }
+    float* data() noexcept { return values.get(); }
+    const float* data() const noexcept { return values.get(); }
+    size_t size() const noexcept { return count; }
     void clear() noexcept;
 
-    float& operator[] (size_t i) noexcept              { return values[i]; }
-    const float& operator[] (size_t i) const noexcept  { return values[i]; }
+    float& operator[] (size_t i) noexcept { return values[i]; }
+    const float& operator[] (size_t i) const noexcept { return values[i]; }
 
 private:
     detail::FftwArray<float> values;
     size_t count = 0;
 };
 
-} // namespace audiofft
+}   // namespace audiofft

@@ -5,41 +5,41 @@
 
 namespace
 {
-    // Short decimal forms of 2 pi and pi: the coefficients depend on these exact digits, and
-    // saved sessions must render as they always have.
-    constexpr double twoPiShort = 6.28318530717958;
-    constexpr double piShort    = 3.14159265358979;
+// Short decimal forms of 2 pi and pi: the coefficients depend on these exact digits, and
+// saved sessions must render as they always have.
+constexpr double twoPiShort = 6.28318530717958;
+constexpr double piShort = 3.14159265358979;
 
-    // The low shelf at K = tan (w / 2), V = 10^(|gain| / 20); a cut is the boost's inverse.
-    Biquad::Coefficients lowShelfAt (double K, double q, double gainDb) noexcept
+// The low shelf at K = tan (w / 2), V = 10^(|gain| / 20); a cut is the boost's inverse.
+Biquad::Coefficients lowShelfAt (double K, double q, double gainDb) noexcept
+{
+    const double V = std::pow (10.0, std::fabs (gainDb) / 20.0);
+    const double K2 = K * K;
+    const double sqrtV = std::sqrt (V);
+
+    Biquad::Coefficients c;
+
+    if (gainDb >= 0.0)
     {
-        const double V = std::pow (10.0, std::fabs (gainDb) / 20.0);
-        const double K2 = K * K;
-        const double sqrtV = std::sqrt (V);
-
-        Biquad::Coefficients c;
-
-        if (gainDb >= 0.0)
-        {
-            const double norm = 1.0 / (1.0 + K / q + K2);
-            c.b0 = (1.0 + sqrtV * K / q + V * K2) * norm;
-            c.b1 = 2.0 * (V * K2 - 1.0) * norm;
-            c.b2 = (1.0 - sqrtV * K / q + V * K2) * norm;
-            c.a1 = 2.0 * (K2 - 1.0) * norm;
-            c.a2 = (1.0 - K / q + K2) * norm;
-        }
-        else
-        {
-            const double norm = 1.0 / (1.0 + sqrtV * K / q + V * K2);
-            c.b0 = (1.0 + K / q + K2) * norm;
-            c.b1 = 2.0 * (K2 - 1.0) * norm;
-            c.b2 = (1.0 - K / q + K2) * norm;
-            c.a1 = 2.0 * (V * K2 - 1.0) * norm;
-            c.a2 = (1.0 - sqrtV * K / q + V * K2) * norm;
-        }
-
-        return c;
+        const double norm = 1.0 / (1.0 + K / q + K2);
+        c.b0 = (1.0 + sqrtV * K / q + V * K2) * norm;
+        c.b1 = 2.0 * (V * K2 - 1.0) * norm;
+        c.b2 = (1.0 - sqrtV * K / q + V * K2) * norm;
+        c.a1 = 2.0 * (K2 - 1.0) * norm;
+        c.a2 = (1.0 - K / q + K2) * norm;
     }
+    else
+    {
+        const double norm = 1.0 / (1.0 + sqrtV * K / q + V * K2);
+        c.b0 = (1.0 + K / q + K2) * norm;
+        c.b1 = 2.0 * (K2 - 1.0) * norm;
+        c.b2 = (1.0 - K / q + K2) * norm;
+        c.a1 = 2.0 * (V * K2 - 1.0) * norm;
+        c.a2 = (1.0 - sqrtV * K / q + V * K2) * norm;
+    }
+
+    return c;
+}
 }
 
 Biquad::Coefficients Biquad::lowShelf (double cornerHz, double q, double gainDb, double sampleRate) noexcept
@@ -61,9 +61,9 @@ Biquad::Coefficients Biquad::highShelf (double cornerHz, double q, double gainDb
 
 namespace
 {
-    // GCC and clang vector extensions (every compiler this builds with, MinGW included).
-    using Double2 = double __attribute__ ((vector_size (16)));
-    using Float2 = float __attribute__ ((vector_size (8)));
+// GCC and clang vector extensions (every compiler this builds with, MinGW included).
+using Double2 = double __attribute__ ((vector_size (16)));
+using Float2 = float __attribute__ ((vector_size (8)));
 }
 
 // Biquad::process on both lanes, rounded to float as its result is.
@@ -82,7 +82,7 @@ struct Biquad::StereoLanes
         const auto y = in * b0 + z1 + offset;
         z1 = in * b1 + z2 - a1 * y;
         z2 = in * b2 - a2 * y;
-        return __builtin_convertvector (__builtin_convertvector (y, Float2), Double2);
+        return __builtin_convertvector(__builtin_convertvector(y, Float2), Double2);
     }
 
     void store (Biquad& l, Biquad& r) const noexcept

@@ -25,11 +25,11 @@ public:
         a quarter of the rate, then reflected (z to -z), so that the gain lands at Nyquist. */
     static Coefficients highShelf (double cornerHz, double q, double gainDb, double sampleRate) noexcept;
 
-    void setCoefficients (const Coefficients& newCoefficients) noexcept    { coefficients = newCoefficients; }
-    const Coefficients& getCoefficients() const noexcept                   { return coefficients; }
+    void setCoefficients (const Coefficients& newCoefficients) noexcept { coefficients = newCoefficients; }
+    const Coefficients& getCoefficients() const noexcept { return coefficients; }
 
     /** Silence as the past. */
-    void reset() noexcept    { z1 = z2 = 0.0; }
+    void reset() noexcept { z1 = z2 = 0.0; }
 
     /** One sample through the section. The 1e-18 offset keeps the feedback path out of
         denormals; it reaches the output too, and saved sessions render with it. */

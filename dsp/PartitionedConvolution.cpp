@@ -16,7 +16,10 @@ namespace
     constexpr int largestTailGrowth = 16;
     constexpr int maxHeadPartitions = 2 * largestTailGrowth;
 
-    int divideRoundingUp (int a, int b) noexcept  { return (a + b - 1) / b; }
+    int divideRoundingUp (int a, int b) noexcept
+    {
+        return (a + b - 1) / b;
+    }
 
     int64_t powerOfTwoAtLeast (int64_t value) noexcept
     {
@@ -215,7 +218,8 @@ void PartitionedKernels::setKernel (int k, const float* taps, int length)
             for (int i = 0; i < count; ++i)
                 level.segment[(size_t) i] = taps[start + i] * scale;
 
-            if (std::any_of (level.segment.data(), level.segment.data() + count, [] (float t) { return t != 0.0f; }))
+            if (std::any_of (level.segment.data(), level.segment.data() + count, [] (float t)
+                             { return t != 0.0f; }))
                 used = p + 1;
 
             level.fft.forward (level.segment.data(),
@@ -454,7 +458,7 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
     const auto bins = size + 1;
 
     forEachKernel (mask, [&] (int k)
-    {
+                   {
         updatePastSum (kernels, k, chunk);
 
         const auto* hRe = kernels.re (0, k, 0);
@@ -468,8 +472,7 @@ void PartitionedConvolver::runHead (const PartitionedKernels& kernels, unsigned 
 
         head.transformBack (head.scratchRe.data(), head.scratchIm.data());
         std::memcpy (out[(size_t) k][0] + outOffset, head.timeRe() + size + from, sizeof (float) * (size_t) (to - from));
-        std::memcpy (out[(size_t) k][1] + outOffset, head.timeIm() + size + from, sizeof (float) * (size_t) (to - from));
-    });
+        std::memcpy (out[(size_t) k][1] + outOffset, head.timeIm() + size + from, sizeof (float) * (size_t) (to - from)); });
 }
 
 void PartitionedConvolver::updatePastSum (const PartitionedKernels& kernels, int k, int64_t chunk) noexcept
@@ -501,7 +504,7 @@ void PartitionedConvolver::addTail (unsigned mask, const Outputs& out, int outOf
     const auto firstPart = (int) std::min<int64_t> (n, tailMask + 1 - first);
 
     forEachKernel (mask, [&] (int k)
-    {
+                   {
         for (int c = 0; c < numChannels; ++c)
         {
             // Played samples leave the ring empty for the windows that land there later.
@@ -511,8 +514,7 @@ void PartitionedConvolver::addTail (unsigned mask, const Outputs& out, int outOf
             addInto (dest + firstPart, ring, n - firstPart);
             std::fill_n (ring + first, firstPart, 0.0f);
             std::fill_n (ring, n - firstPart, 0.0f);
-        }
-    });
+        } });
 }
 
 void PartitionedConvolver::advanceLevel (int l, const PartitionedKernels& kernels) noexcept
@@ -578,21 +580,19 @@ void PartitionedConvolver::runStage (int l, const PartitionedKernels& kernels) n
         const auto slot = level.slotOf (chunk - p);
 
         forEachKernel (level.jobMask, [&] (int k)
-        {
+                       {
             if (p == 0)
                 clearSums (l, k);
 
             if (p < kernels.usedPartitions (l, k))
-                addProducts (l, kernels, k, p, slot);
-        });
+                addProducts (l, kernels, k, p, slot); });
         return;
     }
 
     forEachKernel (level.jobMask, [&] (int k)
-    {
+                   {
         if (kernels.usedPartitions (l, k) > 0)
-            addWindowToTail (l, k, chunk);
-    });
+            addWindowToTail (l, k, chunk); });
 }
 
 void PartitionedConvolver::clearSums (int l, int k) noexcept
@@ -668,10 +668,9 @@ void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned 
     }
 
     forEachKernel (newKernels, [&] (int k)
-    {
+                   {
         for (auto& ring : tail[(size_t) k])
-            ring.clear();
-    });
+            ring.clear(); });
 
     for (int l = 1; l < (int) levels.size(); ++l)
     {
@@ -683,17 +682,17 @@ void PartitionedConvolver::catchUp (const PartitionedKernels& kernels, unsigned 
                 break;
 
             forEachKernel (newKernels, [&] (int k)
-            {
+                           {
                 if (kernels.usedPartitions (l, k) == 0)
                     return;
 
                 accumulateWindow (l, kernels, k, chunk);
-                addWindowToTail (l, k, chunk);
-            });
+                addWindowToTail (l, k, chunk); });
         }
     }
 
-    forEachKernel (newKernels, [&] (int k) { pastChunk[(size_t) k] = -1; });
+    forEachKernel (newKernels, [&] (int k)
+                   { pastChunk[(size_t) k] = -1; });
 }
 
-} // namespace tilt
+}   // namespace tilt

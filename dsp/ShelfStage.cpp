@@ -100,7 +100,8 @@ void ShelfStage::process (float* const* channels, int numChannelsInBlock, int n,
         }
     }
 
-    const auto allSteady = std::all_of (glides.begin(), glides.end(), [] (const Glide& g) { return g.target == g.previous; });
+    const auto allSteady = std::all_of (glides.begin(), glides.end(), [] (const Glide& g)
+                                        { return g.target == g.previous; });
 
     if (allSteady && used == 2)
     {

@@ -36,7 +36,7 @@ public:
     void followSampleRate (double newSampleRate) noexcept;
 
     /** The rate the sections are designed at, which limits the corners. */
-    double getSampleRate() const noexcept      { return sampleRate; }
+    double getSampleRate() const noexcept { return sampleRate; }
 
     /** All four sections at these settings, their state cleared, no glide pending. */
     void reset (const Settings& settings) noexcept;

@@ -7,47 +7,49 @@
 
 namespace
 {
-    /** Partitioned kernels shared by every instance that designed the same taps for the same
+/** Partitioned kernels shared by every instance that designed the same taps for the same
         layout; a copy lives as long as a kernel set of some instance holds it. */
-    std::shared_ptr<const convolution::PartitionedKernels> sharedPartitions (const convolution::PartitionLayout& layout,
-                                                                      const TiltKernelTaps& taps)
+std::shared_ptr<const convolution::PartitionedKernels> sharedPartitions (const convolution::PartitionLayout& layout,
+                                                                         const TiltKernelTaps& taps)
+{
+    struct Entry
     {
-        struct Entry
+        TiltKernelTaps taps;
+        convolution::PartitionedKernels partitions;
+    };
+
+    static std::mutex mutex;
+    static std::vector<std::weak_ptr<const Entry>> entries;
+
+    const std::lock_guard<std::mutex> lock (mutex);
+
+    entries.erase (std::remove_if (entries.begin(), entries.end(), [] (auto& e)
+                                   { return e.expired(); }),
+                   entries.end());
+
+    for (auto& weak : entries)
+    {
+        if (auto entry = weak.lock())
         {
-            TiltKernelTaps taps;
-            convolution::PartitionedKernels partitions;
-        };
-
-        static std::mutex mutex;
-        static std::vector<std::weak_ptr<const Entry>> entries;
-
-        const std::lock_guard<std::mutex> lock (mutex);
-
-        entries.erase (std::remove_if (entries.begin(), entries.end(), [] (auto& e) { return e.expired(); }), entries.end());
-
-        for (auto& weak : entries)
-        {
-            if (auto entry = weak.lock())
-            {
-                if (entry->partitions.getLayout().levels == layout.levels
-                    && entry->taps.linearFalling == taps.linearFalling && entry->taps.linearRising == taps.linearRising
-                    && entry->taps.minimumFalling == taps.minimumFalling && entry->taps.minimumRising == taps.minimumRising)
-                    return { entry, &entry->partitions };
-            }
+            if (entry->partitions.getLayout().levels == layout.levels
+                && entry->taps.linearFalling == taps.linearFalling && entry->taps.linearRising == taps.linearRising
+                && entry->taps.minimumFalling == taps.minimumFalling && entry->taps.minimumRising == taps.minimumRising)
+                return { entry, &entry->partitions };
         }
-
-        auto entry = std::make_shared<Entry>();
-        entry->taps = taps;
-        entry->partitions.prepare (layout);
-        entry->partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
-        entry->partitions.setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
-        entry->partitions.setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
-        entry->partitions.setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
-
-        std::shared_ptr<const Entry> shared = std::move (entry);
-        entries.push_back (shared);
-        return { shared, &shared->partitions };
     }
+
+    auto entry = std::make_shared<Entry>();
+    entry->taps = taps;
+    entry->partitions.prepare (layout);
+    entry->partitions.setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
+    entry->partitions.setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
+    entry->partitions.setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
+    entry->partitions.setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
+
+    std::shared_ptr<const Entry> shared = std::move (entry);
+    entries.push_back (shared);
+    return { shared, &shared->partitions };
+}
 }
 
 void TiltKernelBank::prepare (const convolution::PartitionLayout& newLayout, int newFftSize)

@@ -17,7 +17,13 @@
 */
 struct TiltKernelSet
 {
-    enum Kernel { linearFalling = 0, linearRising, minimumFalling, minimumRising };
+    enum Kernel
+    {
+        linearFalling = 0,
+        linearRising,
+        minimumFalling,
+        minimumRising
+    };
 
     std::shared_ptr<const convolution::PartitionedKernels> partitions;
     double sampleRate = 0.0;
@@ -47,7 +53,7 @@ public:
     void release() noexcept;
 
 private:
-    std::mutex designMutex;     // between message-side callers only
+    std::mutex designMutex;   // between message-side callers only
     convolution::PartitionLayout layout;
     TiltKernelDesigner designer;
     audiofft::FFTW3FFT mainFft, minimumPhaseFft;

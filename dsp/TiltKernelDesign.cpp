@@ -114,7 +114,7 @@ void deriveMinimumPhase (const float* kernel, int length,
     fft.ifft (work.impulse.data(), work.shaped);
 }
 
-} // namespace tilt
+}   // namespace tilt
 
 void TiltKernelSpectra::resize (int fftSize)
 {

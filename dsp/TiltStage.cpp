@@ -9,38 +9,38 @@
 
 namespace
 {
-    // out = wet * |t| + (1 - |t|) * dry, the dry product in float and the sum in double; at
-    // t = 0 exactly the dry signal, and the wet outputs are not read (they may not exist).
-    inline void crossFadeSample (float& out, float positive, float negative, float dry, double t) noexcept
+// out = wet * |t| + (1 - |t|) * dry, the dry product in float and the sum in double; at
+// t = 0 exactly the dry signal, and the wet outputs are not read (they may not exist).
+inline void crossFadeSample (float& out, float positive, float negative, float dry, double t) noexcept
+{
+    const auto weight = std::abs (t);
+    const auto dryPart = (float) (1.0 - weight) * dry;
+
+    if (t == 0.0)
+        out = dryPart;
+    else
+        out = (float) ((double) (t < 0.0 ? negative : positive) * weight + (double) dryPart);
+}
+
+// The same for a tilt that holds still over the block, without a branch per sample.
+QUENDA_VECTOR_CLONES
+void crossFade (float* out, const float* positive, const float* negative, const float* dry, int n, double t) noexcept
+{
+    const auto weight = std::abs (t);
+    const auto dryWeight = (float) (1.0 - weight);
+
+    if (t == 0.0)
     {
-        const auto weight = std::abs (t);
-        const auto dryPart = (float) (1.0 - weight) * dry;
-
-        if (t == 0.0)
-            out = dryPart;
-        else
-            out = (float) ((double) (t < 0.0 ? negative : positive) * weight + (double) dryPart);
-    }
-
-    // The same for a tilt that holds still over the block, without a branch per sample.
-    QUENDA_VECTOR_CLONES
-    void crossFade (float* out, const float* positive, const float* negative, const float* dry, int n, double t) noexcept
-    {
-        const auto weight = std::abs (t);
-        const auto dryWeight = (float) (1.0 - weight);
-
-        if (t == 0.0)
-        {
-            for (int i = 0; i < n; ++i)
-                out[i] = dryWeight * dry[i];
-            return;
-        }
-
-        const auto* wet = t < 0.0 ? negative : positive;
-
         for (int i = 0; i < n; ++i)
-            out[i] = (float) ((double) wet[i] * weight + (double) (dryWeight * dry[i]));
+            out[i] = dryWeight * dry[i];
+        return;
     }
+
+    const auto* wet = t < 0.0 ? negative : positive;
+
+    for (int i = 0; i < n; ++i)
+        out[i] = (float) ((double) wet[i] * weight + (double) (dryWeight * dry[i]));
+}
 }
 
 convolution::PartitionLayout TiltStage::layoutFor (int maximumBlockSize)

@@ -40,10 +40,10 @@ public:
     void prepare (int maximumBlockSize);
 
     /** Designs the kernels for a sample rate. Never on the audio thread. */
-    void designKernels (double sampleRate)    { kernelBank->design (sampleRate); }
+    void designKernels (double sampleRate) { kernelBank->design (sampleRate); }
 
     /** The kernel bank, shared so that a design under way can outlive the stage. */
-    std::shared_ptr<TiltKernelBank> getKernelBank() const noexcept  { return kernelBank; }
+    std::shared_ptr<TiltKernelBank> getKernelBank() const noexcept { return kernelBank; }
 
     /** Silence as the past; the glide's start value is kept. */
     void reset() noexcept;
@@ -51,7 +51,7 @@ public:
     /** Silence as the past, and the next block starts from this setting without a glide. */
     void reset (const Settings& settings) noexcept;
 
-    const convolution::PartitionLayout& getLayout() const noexcept  { return layout; }
+    const convolution::PartitionLayout& getLayout() const noexcept { return layout; }
 
     /** Processes n samples in place, gliding to settings.tilt. Blocks longer than the
         prepared size are worked through in pieces. Returns false, leaving the samples as
@@ -70,8 +70,8 @@ private:
     convolution::PartitionLayout layout;
     convolution::PartitionedConvolver convolver;
     std::array<std::vector<float>, numChannels> falling, rising;   // wet outputs of one piece
-    std::array<std::vector<float>, numChannels> dryLines;           // rings of past input
-    std::vector<float> delayedDry;                                  // one piece of a ring, in order
+    std::array<std::vector<float>, numChannels> dryLines;          // rings of past input
+    std::vector<float> delayedDry;                                 // one piece of a ring, in order
     int64_t dryMask = 0;
     int64_t dryTime = 0;
     int pieceSize = 0;

@@ -5,16 +5,16 @@
 
 namespace
 {
-    float gainFor (float gainDb) noexcept
-    {
-        return (float) std::pow (10.0, (double) gainDb / 20.0);
-    }
+float gainFor (float gainDb) noexcept
+{
+    return (float) std::pow (10.0, (double) gainDb / 20.0);
+}
 
-    void applyGain (float* samples, int n, float gain) noexcept
-    {
-        for (int i = 0; i < n; ++i)
-            samples[i] *= gain;
-    }
+void applyGain (float* samples, int n, float gain) noexcept
+{
+    for (int i = 0; i < n; ++i)
+        samples[i] *= gain;
+}
 }
 
 void TrimStage::process (float* const* channels, int numChannels, int n, const Settings& settings) noexcept

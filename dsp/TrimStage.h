@@ -15,7 +15,7 @@ public:
     };
 
     /** The next block starts at this setting without a ramp. */
-    void reset (const Settings& settings) noexcept     { previousGainDb = settings.gainDb; }
+    void reset (const Settings& settings) noexcept { previousGainDb = settings.gainDb; }
 
     void process (float* const* channels, int numChannels, int n, const Settings& settings) noexcept;
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "HostInfo.h"
 
-#if defined (_WIN32)
+#if defined(_WIN32)
  #include <windows.h>
 #else
  #include <unistd.h>
@@ -13,7 +13,7 @@ namespace platform
 
 std::string hostExecutablePath()
 {
-   #if defined (_WIN32)
+#if defined(_WIN32)
     wchar_t path[MAX_PATH] {};
     const auto length = GetModuleFileNameW (nullptr, path, MAX_PATH);
 
@@ -24,11 +24,11 @@ std::string hostExecutablePath()
     std::string utf8 ((size_t) bytes, '\0');
     WideCharToMultiByte (CP_UTF8, 0, path, (int) length, utf8.data(), bytes, nullptr, nullptr);
     return utf8;
-   #else
+#else
     char path[PATH_MAX + 1] {};
     const auto length = readlink ("/proc/self/exe", path, PATH_MAX);
     return length > 0 ? std::string (path, (size_t) length) : std::string();
-   #endif
+#endif
 }
 
 }

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <new>
 
-#if defined (_WIN32)
+#if defined(_WIN32)
  #include <windows.h>
 #else
  #include <atomic>
@@ -65,23 +65,35 @@ NamedSemaphore& NamedSemaphore::open (const std::string& name)
     return unavailable;
 }
 
-#if defined (_WIN32)
+#if defined(_WIN32)
 
 NamedSemaphore::NamedSemaphore (const std::string& name)
     : handle (CreateSemaphoreA (nullptr, 1, 1, name.c_str()))
 {
 }
 
-bool NamedSemaphore::isValid() const noexcept      { return handle != nullptr; }
-void NamedSemaphore::wait() noexcept               { WaitForSingleObject (handle, INFINITE); }
-void NamedSemaphore::release() noexcept            { ReleaseSemaphore (handle, 1, nullptr); }
+bool NamedSemaphore::isValid() const noexcept
+{
+    return handle != nullptr;
+}
+void NamedSemaphore::wait() noexcept
+{
+    WaitForSingleObject (handle, INFINITE);
+}
+void NamedSemaphore::release() noexcept
+{
+    ReleaseSemaphore (handle, 1, nullptr);
+}
 
 bool NamedSemaphore::waitFor (int milliseconds) noexcept
 {
     return WaitForSingleObject (handle, (DWORD) milliseconds) == WAIT_OBJECT_0;
 }
 
-bool NamedSemaphore::tryTake() noexcept            { return waitFor (0); }
+bool NamedSemaphore::tryTake() noexcept
+{
+    return waitFor (0);
+}
 void NamedSemaphore::takeOverFromDeadHolder() noexcept {}
 
 #else
@@ -139,9 +151,11 @@ NamedSemaphore::NamedSemaphore (const std::string& name)
     if (! alone)
         flock (fd, LOCK_SH);
 
-    struct stat info {};
+    struct stat info
+    {
+    };
     const bool usable = fstat (fd, &info) == 0 && info.st_uid == getuid()
-                     && (alone ? ftruncate (fd, sizeof (Shared)) == 0 : (size_t) info.st_size >= sizeof (Shared));
+                        && (alone ? ftruncate (fd, sizeof (Shared)) == 0 : (size_t) info.st_size >= sizeof (Shared));
     auto* mapping = usable ? mmap (nullptr, sizeof (Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
 
     if (mapping == MAP_FAILED)

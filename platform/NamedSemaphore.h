@@ -49,15 +49,15 @@ public:
     struct Shared;
 
 private:
-    NamedSemaphore() = default;    // one that could not be created
+    NamedSemaphore() = default;   // one that could not be created
     explicit NamedSemaphore (const std::string& name);
     ~NamedSemaphore() = default;
 
     bool tryTake() noexcept;
     void takeOverFromDeadHolder() noexcept;
 
-#if defined (_WIN32)
-    void* handle = nullptr;     // HANDLE
+#if defined(_WIN32)
+    void* handle = nullptr;   // HANDLE
 #else
     Shared* shared = nullptr;   // the shared mapping
 #endif

@@ -4,7 +4,8 @@
 
 BlockSettings BlockSettings::from (const StateBlock::Values& values, double shelfSampleRate) noexcept
 {
-    const auto isOn = [&values] (ParameterTable::Index index) { return ParameterTable::entry (index).isOn (values[index]); };
+    const auto isOn = [&values] (ParameterTable::Index index)
+    { return ParameterTable::entry (index).isOn (values[index]); };
     const auto bypassed = isOn (ParameterTable::bypassIndex);
 
     BlockSettings settings;

@@ -3,14 +3,14 @@
 
 namespace
 {
-    // From the VST 2.4 ABI: the opcode, and the start of the time info it returns.
-    constexpr juce::int32 getTimeOpcode = 7;
+// From the VST 2.4 ABI: the opcode, and the start of the time info it returns.
+constexpr juce::int32 getTimeOpcode = 7;
 
-    struct TimeInfoStart
-    {
-        double samplePosition;
-        double sampleRate;
-    };
+struct TimeInfoStart
+{
+    double samplePosition;
+    double sampleRate;
+};
 }
 
 void HostSampleRate::handleVstHostCallbackAvailable (std::function<VstHostCallbackType>&& callback)

@@ -50,7 +50,8 @@ public:
 private:
     struct PendingRequest : juce::AsyncUpdater
     {
-        explicit PendingRequest (KernelDesigns& o) : owner (o) {}
+        explicit PendingRequest (KernelDesigns& o)
+            : owner (o) {}
         void handleAsyncUpdate() override;
         KernelDesigns& owner;
     };

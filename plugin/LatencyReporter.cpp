@@ -3,7 +3,7 @@
 
 namespace
 {
-    constexpr int pollMilliseconds = 10;
+constexpr int pollMilliseconds = 10;
 }
 
 std::shared_ptr<LatencyReporter> LatencyReporter::create (juce::AudioProcessor& owner, int initialLatency)

@@ -27,10 +27,10 @@ public:
     void reportNow (int latency);
 
     /** Audio thread: no lock, no allocation; the host is told from the message thread. */
-    void switchTo (int latency) noexcept              { pending.store (latency); }
+    void switchTo (int latency) noexcept { pending.store (latency); }
 
     /** The latency of the last switch, reported or not. */
-    int latest() const noexcept                       { return pending.load(); }
+    int latest() const noexcept { return pending.load(); }
 
     ~LatencyReporter() override;
 

@@ -3,10 +3,10 @@
 
 namespace
 {
-    juce::String toString (std::string_view text)
-    {
-        return juce::String (text.data(), text.size());
-    }
+juce::String toString (std::string_view text)
+{
+    return juce::String (text.data(), text.size());
+}
 }
 
 Parameters::Parameters (juce::AudioProcessor& processor, PlainFloatParameter::Normalisation normalisation)

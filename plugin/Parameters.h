@@ -25,13 +25,13 @@ public:
     void setPlainValue (size_t index, float value);
 
     /** Null for a switch. */
-    PlainFloatParameter* getFloat (size_t index) const noexcept    { return floats[index]; }
+    PlainFloatParameter* getFloat (size_t index) const noexcept { return floats[index]; }
 
     /** Null for a float parameter. */
-    juce::AudioParameterBool* getSwitch (size_t index) const noexcept    { return switches[index]; }
+    juce::AudioParameterBool* getSwitch (size_t index) const noexcept { return switches[index]; }
 
-    juce::AudioParameterBool& getBypass() const noexcept    { return *switches[ParameterTable::bypassIndex]; }
-    bool isLinearPhase() const noexcept                     { return switches[ParameterTable::linPhaseIndex]->get(); }
+    juce::AudioParameterBool& getBypass() const noexcept { return *switches[ParameterTable::bypassIndex]; }
+    bool isLinearPhase() const noexcept { return switches[ParameterTable::linPhaseIndex]->get(); }
 
 private:
     // By index, exactly one of the two is set.

@@ -6,10 +6,10 @@
 
 namespace
 {
-    juce::String toString (std::string_view text)
-    {
-        return juce::String (text.data(), text.size());
-    }
+juce::String toString (std::string_view text)
+{
+    return juce::String (text.data(), text.size());
+}
 }
 
 PlainFloatParameter::PlainFloatParameter (const ParameterTable::Entry& tableEntry, Normalisation mode)

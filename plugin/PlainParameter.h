@@ -25,13 +25,13 @@ public:
     PlainFloatParameter (const ParameterTable::Entry& entry, Normalisation normalisation);
 
     /** The value in its own unit, as the audio code and the state use it. */
-    float get() const noexcept                      { return plainValue.load (std::memory_order_relaxed); }
-    operator float() const noexcept                 { return get(); }
+    float get() const noexcept { return plainValue.load (std::memory_order_relaxed); }
+    operator float() const noexcept { return get(); }
 
     /** Sets the plain value and tells the host. Non-finite values are ignored. */
     void setPlainValueNotifyingHost (float newPlainValue);
 
-    float getDefaultPlainValue() const noexcept     { return defaultPlainValue; }
+    float getDefaultPlainValue() const noexcept { return defaultPlainValue; }
     const juce::NormalisableRange<float>& getDisplayRange() const noexcept { return displayRange; }
     Normalisation getNormalisation() const noexcept { return normalisation; }
 
@@ -55,9 +55,9 @@ public:
     juce::String getText (float normalisedValue, int maximumStringLength) const override;
     float getValueForText (const juce::String& text) const override;
     int getNumSteps() const override;
-    bool isDiscrete() const override                { return false; }
-    bool isBoolean() const override                 { return false; }
-    bool isAutomatable() const override             { return true; }
+    bool isDiscrete() const override { return false; }
+    bool isBoolean() const override { return false; }
+    bool isAutomatable() const override { return true; }
 
 private:
     const ParameterTable::Entry& entry;

@@ -6,49 +6,48 @@
 
 #include <optional>
 
-
 namespace
 {
-    const juce::Colour panelColour { 0xff323e44 };
+const juce::Colour panelColour { 0xff323e44 };
 
-    void styleSlider (juce::Slider& slider, const ParameterTable::Entry& parameter, int textBoxHeight)
-    {
-        slider.setRange (parameter.minimum, parameter.maximum, 0.0);
+void styleSlider (juce::Slider& slider, const ParameterTable::Entry& parameter, int textBoxHeight)
+{
+    slider.setRange (parameter.minimum, parameter.maximum, 0.0);
 
-        if (parameter.skew != 1.0f)
-            slider.setSkewFactor (parameter.skew);
+    if (parameter.skew != 1.0f)
+        slider.setSkewFactor (parameter.skew);
 
-        slider.setSliderStyle (juce::Slider::RotaryVerticalDrag);
-        slider.setTextBoxStyle (juce::Slider::TextBoxBelow, false, 80, textBoxHeight);
-    }
+    slider.setSliderStyle (juce::Slider::RotaryVerticalDrag);
+    slider.setTextBoxStyle (juce::Slider::TextBoxBelow, false, 80, textBoxHeight);
+}
 
-    void styleLabel (juce::Label& label, float fontHeight)
-    {
-        label.setFont (juce::Font (fontHeight, juce::Font::plain).withTypefaceStyle ("Regular"));
-        label.setJustificationType (juce::Justification::centredLeft);
-        label.setEditable (false, false, false);
-        label.setColour (juce::TextEditor::textColourId, juce::Colours::black);
-        label.setColour (juce::TextEditor::backgroundColourId, juce::Colour (0x00000000));
-    }
+void styleLabel (juce::Label& label, float fontHeight)
+{
+    label.setFont (juce::Font (fontHeight, juce::Font::plain).withTypefaceStyle ("Regular"));
+    label.setJustificationType (juce::Justification::centredLeft);
+    label.setEditable (false, false, false);
+    label.setColour (juce::TextEditor::textColourId, juce::Colours::black);
+    label.setColour (juce::TextEditor::backgroundColourId, juce::Colour (0x00000000));
+}
 
-    // The number a typed text starts with, if any; "k" after it scales a frequency by 1000.
-    std::optional<double> numberInText (const juce::String& text, bool frequency)
-    {
-        auto rest = text.trim();
+// The number a typed text starts with, if any; "k" after it scales a frequency by 1000.
+std::optional<double> numberInText (const juce::String& text, bool frequency)
+{
+    auto rest = text.trim();
 
-        while (rest.startsWithChar ('+'))
-            rest = rest.substring (1).trimStart();
+    while (rest.startsWithChar ('+'))
+        rest = rest.substring (1).trimStart();
 
-        const auto number = rest.initialSectionContainingOnly ("0123456789.-");
+    const auto number = rest.initialSectionContainingOnly ("0123456789.-");
 
-        if (! number.containsAnyOf ("0123456789"))
-            return std::nullopt;
+    if (! number.containsAnyOf ("0123456789"))
+        return std::nullopt;
 
-        const auto value = number.getDoubleValue();
-        const auto kilo = frequency && rest.substring (number.length()).trimStart().startsWithIgnoreCase ("k");
+    const auto value = number.getDoubleValue();
+    const auto kilo = frequency && rest.substring (number.length()).trimStart().startsWithIgnoreCase ("k");
 
-        return kilo ? value * 1000.0 : value;
-    }
+    return kilo ? value * 1000.0 : value;
+}
 }
 
 //==============================================================================

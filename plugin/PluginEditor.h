@@ -14,10 +14,7 @@ class Parameters;
     background picture. Controls follow the parameters by a 50 ms poll and write user edits
     straight back; controls and parameters are matched by position in `controls`.
 */
-class QuendaAudioProcessorEditor : public juce::AudioProcessorEditor,
-                                   public juce::Timer,
-                                   public juce::Slider::Listener,
-                                   public juce::Button::Listener
+class QuendaAudioProcessorEditor : public juce::AudioProcessorEditor, public juce::Timer, public juce::Slider::Listener, public juce::Button::Listener
 {
 public:
     explicit QuendaAudioProcessorEditor (QuendaAudioProcessor&);

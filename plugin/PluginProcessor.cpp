@@ -12,35 +12,35 @@
 
 namespace
 {
-    // Formats whose wrappers keep 0..1 need the mapped form; the VST2 build hands hosts
-    // the plain values themselves.
-    PlainFloatParameter::Normalisation normalisationFor (juce::AudioProcessor::WrapperType wrapper)
+// Formats whose wrappers keep 0..1 need the mapped form; the VST2 build hands hosts
+// the plain values themselves.
+PlainFloatParameter::Normalisation normalisationFor (juce::AudioProcessor::WrapperType wrapper)
+{
+    switch (wrapper)
     {
-        switch (wrapper)
-        {
-            case juce::AudioProcessor::wrapperType_VST3:
-            case juce::AudioProcessor::wrapperType_AudioUnit:
-            case juce::AudioProcessor::wrapperType_AudioUnitv3:
-            case juce::AudioProcessor::wrapperType_AAX:
-            case juce::AudioProcessor::wrapperType_LV2:
-            case juce::AudioProcessor::wrapperType_Unity:
-                return PlainFloatParameter::Normalisation::mappedToRange;
+        case juce::AudioProcessor::wrapperType_VST3:
+        case juce::AudioProcessor::wrapperType_AudioUnit:
+        case juce::AudioProcessor::wrapperType_AudioUnitv3:
+        case juce::AudioProcessor::wrapperType_AAX:
+        case juce::AudioProcessor::wrapperType_LV2:
+        case juce::AudioProcessor::wrapperType_Unity:
+            return PlainFloatParameter::Normalisation::mappedToRange;
 
-            case juce::AudioProcessor::wrapperType_Undefined:
-            case juce::AudioProcessor::wrapperType_VST:
-            case juce::AudioProcessor::wrapperType_Standalone:
-            default:
-                return PlainFloatParameter::Normalisation::identity;
-        }
+        case juce::AudioProcessor::wrapperType_Undefined:
+        case juce::AudioProcessor::wrapperType_VST:
+        case juce::AudioProcessor::wrapperType_Standalone:
+        default:
+            return PlainFloatParameter::Normalisation::identity;
     }
+}
 
-    // WaveLab needs the kernels before the block that asked for them returns.
-    bool hostWantsSynchronousDesign()
-    {
-        return platform::hostExecutablePath().find ("wavelab") != std::string::npos;
-    }
+// WaveLab needs the kernels before the block that asked for them returns.
+bool hostWantsSynchronousDesign()
+{
+    return platform::hostExecutablePath().find ("wavelab") != std::string::npos;
+}
 
-    thread_local QuendaAudioProcessor* lastCreated = nullptr;
+thread_local QuendaAudioProcessor* lastCreated = nullptr;
 }
 
 QuendaAudioProcessor* QuendaAudioProcessor::lastCreatedOnThisThread() noexcept
@@ -49,8 +49,7 @@ QuendaAudioProcessor* QuendaAudioProcessor::lastCreatedOnThisThread() noexcept
 }
 
 QuendaAudioProcessor::QuendaAudioProcessor()
-    : juce::AudioProcessor (BusesProperties().withInput ("Input", juce::AudioChannelSet::stereo(), true)
-                                             .withOutput ("Output", juce::AudioChannelSet::stereo(), true)),
+    : juce::AudioProcessor (BusesProperties().withInput ("Input", juce::AudioChannelSet::stereo(), true).withOutput ("Output", juce::AudioChannelSet::stereo(), true)),
       // The wrapper that creates this instance is known by now and fixes the normalisation.
       parameters (*this, normalisationFor (wrapperType)),
       engineLock (platform::NamedSemaphore::open (engineLockName)),
@@ -108,7 +107,7 @@ bool QuendaAudioProcessor::isBusesLayoutSupported (const BusesLayout& layout) co
 {
     const auto output = layout.getMainOutputChannelSet();
     return (output == juce::AudioChannelSet::mono() || output == juce::AudioChannelSet::stereo())
-        && layout.getMainInputChannelSet() == output;
+           && layout.getMainInputChannelSet() == output;
 }
 
 //==============================================================================
@@ -136,21 +135,21 @@ void QuendaAudioProcessor::runPendingKernelDesign()
 //==============================================================================
 namespace
 {
-    // On the bits, so that it vectorises: infinities and NaNs are the magnitudes with every
-    // exponent bit set.
-    bool isFinite (const float* samples, int n) noexcept
+// On the bits, so that it vectorises: infinities and NaNs are the magnitudes with every
+// exponent bit set.
+bool isFinite (const float* samples, int n) noexcept
+{
+    int32_t beyond = 0;
+
+    for (int i = 0; i < n; ++i)
     {
-        int32_t beyond = 0;
-
-        for (int i = 0; i < n; ++i)
-        {
-            int32_t bits;
-            std::memcpy (&bits, samples + i, sizeof (bits));
-            beyond |= (bits & 0x7fffffff) >= 0x7f800000 ? 1 : 0;
-        }
-
-        return beyond == 0;
+        int32_t bits;
+        std::memcpy (&bits, samples + i, sizeof (bits));
+        beyond |= (bits & 0x7fffffff) >= 0x7f800000 ? 1 : 0;
     }
+
+    return beyond == 0;
+}
 }
 
 void QuendaAudioProcessor::reportLatency (bool linearPhase)

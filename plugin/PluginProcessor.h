@@ -19,17 +19,16 @@
 #include <memory>
 
 /** Quenda: a spectral tilt, a low and a high shelf, then an output trim. */
-class QuendaAudioProcessor : public juce::AudioProcessor,
-                             public HostSampleRate
+class QuendaAudioProcessor : public juce::AudioProcessor, public HostSampleRate
 {
 public:
     QuendaAudioProcessor();
     ~QuendaAudioProcessor() override;
 
-    const juce::String getName() const override       { return "Quenda"; }
+    const juce::String getName() const override { return "Quenda"; }
 
     void prepareToPlay (double sampleRate, int maximumExpectedSamplesPerBlock) override;
-    void releaseResources() override                  {}
+    void releaseResources() override {}
     void processBlock (juce::AudioBuffer<float>&, juce::MidiBuffer&) override;
     using juce::AudioProcessor::processBlock;
 
@@ -40,16 +39,16 @@ public:
     /** Stereo or mono, the same on both sides; without this JUCE 7's VST2 wrapper offers 64 channels. */
     bool isBusesLayoutSupported (const BusesLayout& layout) const override;
 
-    double getTailLengthSeconds() const override      { return 0.0; }
-    bool acceptsMidi() const override                 { return false; }
-    bool producesMidi() const override                { return false; }
+    double getTailLengthSeconds() const override { return 0.0; }
+    bool acceptsMidi() const override { return false; }
+    bool producesMidi() const override { return false; }
 
     juce::AudioProcessorEditor* createEditor() override;
-    bool hasEditor() const override                   { return true; }
+    bool hasEditor() const override { return true; }
 
-    int getNumPrograms() override                     { return 1; }
-    int getCurrentProgram() override                  { return 0; }
-    void setCurrentProgram (int) override             {}
+    int getNumPrograms() override { return 1; }
+    int getCurrentProgram() override { return 0; }
+    void setCurrentProgram (int) override {}
     const juce::String getProgramName (int) override;
     void changeProgramName (int, const juce::String&) override {}
 
@@ -60,10 +59,10 @@ public:
     void setStateInformation (const void* data, int sizeInBytes) override;
 
     /** The current values of all eight parameters, in index order. */
-    StateBlock::Values getParameterValues() const     { return parameters.getValues(); }
+    StateBlock::Values getParameterValues() const { return parameters.getValues(); }
 
     /** The parameters by index, for the editor and the renderer. */
-    Parameters& getParameterSet() noexcept            { return parameters; }
+    Parameters& getParameterSet() noexcept { return parameters; }
 
     /** Asks for the kernels of the current rate, as the audio thread does when it lacks them. */
     void requestKernelDesign();
@@ -84,7 +83,7 @@ public:
 
     /** The latency of the last block, before the message thread has told the host. Lock-free:
         the VST2 entry hands it to the host right after the block of a switch. */
-    int getLatencyOfLastBlock() const noexcept      { return latencyReporter->latest(); }
+    int getLatencyOfLastBlock() const noexcept { return latencyReporter->latest(); }
 
     /** The instance the calling thread created last (the VST2 entry pairs it with its effect). */
     static QuendaAudioProcessor* lastCreatedOnThisThread() noexcept;

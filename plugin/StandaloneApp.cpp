@@ -10,109 +10,116 @@
 
 namespace
 {
-    class QuendaStandaloneWindow : public juce::StandaloneFilterWindow,
-                                   private juce::ChangeListener
+class QuendaStandaloneWindow : public juce::StandaloneFilterWindow, private juce::ChangeListener
+{
+public:
+    QuendaStandaloneWindow (const juce::String& name, juce::PropertySet* settings)
+        : juce::StandaloneFilterWindow (name,
+                                        juce::LookAndFeel::getDefaultLookAndFeel().findColour (juce::ResizableWindow::backgroundColourId),
+                                        settings, false),
+          appName (name)
     {
-    public:
-        QuendaStandaloneWindow (const juce::String& name, juce::PropertySet* settings)
-            : juce::StandaloneFilterWindow (name,
-                                            juce::LookAndFeel::getDefaultLookAndFeel().findColour (juce::ResizableWindow::backgroundColourId),
-                                            settings, false),
-              appName (name)
-        {
-            getDeviceManager().addChangeListener (this);
-            showDeviceState();
-        }
+        getDeviceManager().addChangeListener (this);
+        showDeviceState();
+    }
 
-        ~QuendaStandaloneWindow() override
-        {
-            getDeviceManager().removeChangeListener (this);
-        }
-
-    private:
-        void changeListenerCallback (juce::ChangeBroadcaster*) override
-        {
-            showDeviceState();
-        }
-
-        // Without a device nothing plays; the settings dialog alone is easy to miss.
-        void showDeviceState()
-        {
-            if (getDeviceManager().getCurrentAudioDevice() == nullptr)
-                setName (appName + " - " + TRANS ("no audio device (Options > Audio/MIDI Settings)"));
-            else
-                setName (appName);
-        }
-
-        const juce::String appName;
-    };
-
-    class QuendaStandaloneApp : public juce::JUCEApplication
+    ~QuendaStandaloneWindow() override
     {
-    public:
-        QuendaStandaloneApp()
+        getDeviceManager().removeChangeListener (this);
+    }
+
+private:
+    void changeListenerCallback (juce::ChangeBroadcaster*) override
+    {
+        showDeviceState();
+    }
+
+    // Without a device nothing plays; the settings dialog alone is easy to miss.
+    void showDeviceState()
+    {
+        if (getDeviceManager().getCurrentAudioDevice() == nullptr)
+            setName (appName + " - " + TRANS ("no audio device (Options > Audio/MIDI Settings)"));
+        else
+            setName (appName);
+    }
+
+    const juce::String appName;
+};
+
+class QuendaStandaloneApp : public juce::JUCEApplication
+{
+public:
+    QuendaStandaloneApp()
+    {
+        juce::PropertiesFile::Options options;
+        options.applicationName = getApplicationName();
+        options.filenameSuffix = ".settings";
+        options.osxLibrarySubFolder = "Application Support";
+#if JUCE_LINUX || JUCE_BSD
+        options.folderName = "~/.config";
+#endif
+        appProperties.setStorageParameters (options);
+    }
+
+    const juce::String getApplicationName() override
+    {
+        return JucePlugin_Name;
+    }
+    const juce::String getApplicationVersion() override
+    {
+        return JucePlugin_VersionString;
+    }
+    bool moreThanOneInstanceAllowed() override
+    {
+        return true;
+    }
+    void anotherInstanceStarted (const juce::String&) override {}
+
+    void initialise (const juce::String&) override
+    {
+        // JUCE finds no screens when it cannot reach an X server, and a window would crash.
+        if (juce::Desktop::getInstance().getDisplays().getPrimaryDisplay() == nullptr)
         {
-            juce::PropertiesFile::Options options;
-            options.applicationName = getApplicationName();
-            options.filenameSuffix = ".settings";
-            options.osxLibrarySubFolder = "Application Support";
-           #if JUCE_LINUX || JUCE_BSD
-            options.folderName = "~/.config";
-           #endif
-            appProperties.setStorageParameters (options);
+            std::cerr << getApplicationName() << ": cannot open a display"
+                      << " (is DISPLAY set and the X server running?)" << std::endl;
+            setApplicationReturnValue (1);
+            quit();
+            return;
         }
 
-        const juce::String getApplicationName() override            { return JucePlugin_Name; }
-        const juce::String getApplicationVersion() override         { return JucePlugin_VersionString; }
-        bool moreThanOneInstanceAllowed() override                  { return true; }
-        void anotherInstanceStarted (const juce::String&) override  {}
+        mainWindow = std::make_unique<QuendaStandaloneWindow> (getApplicationName(), appProperties.getUserSettings());
+        mainWindow->setVisible (true);
+    }
 
-        void initialise (const juce::String&) override
+    void shutdown() override
+    {
+        mainWindow = nullptr;
+        appProperties.saveIfNeeded();
+    }
+
+    void systemRequestedQuit() override
+    {
+        if (mainWindow != nullptr)
+            mainWindow->pluginHolder->savePluginState();
+
+        // A modal dialog has to close first; try again once it has.
+        if (juce::ModalComponentManager::getInstance()->cancelAllModalComponents())
         {
-            // JUCE finds no screens when it cannot reach an X server, and a window would crash.
-            if (juce::Desktop::getInstance().getDisplays().getPrimaryDisplay() == nullptr)
-            {
-                std::cerr << getApplicationName() << ": cannot open a display"
-                          << " (is DISPLAY set and the X server running?)" << std::endl;
-                setApplicationReturnValue (1);
-                quit();
-                return;
-            }
-
-            mainWindow = std::make_unique<QuendaStandaloneWindow> (getApplicationName(), appProperties.getUserSettings());
-            mainWindow->setVisible (true);
-        }
-
-        void shutdown() override
-        {
-            mainWindow = nullptr;
-            appProperties.saveIfNeeded();
-        }
-
-        void systemRequestedQuit() override
-        {
-            if (mainWindow != nullptr)
-                mainWindow->pluginHolder->savePluginState();
-
-            // A modal dialog has to close first; try again once it has.
-            if (juce::ModalComponentManager::getInstance()->cancelAllModalComponents())
-            {
-                juce::Timer::callAfterDelay (100, []
-                {
+            juce::Timer::callAfterDelay (100, []
+                                         {
                     if (auto* app = juce::JUCEApplicationBase::getInstance())
-                        app->systemRequestedQuit();
-                });
-            }
-            else
-            {
-                quit();
-            }
+                        app->systemRequestedQuit(); });
         }
+        else
+        {
+            quit();
+        }
+    }
 
-    private:
-        juce::ApplicationProperties appProperties;
-        std::unique_ptr<QuendaStandaloneWindow> mainWindow;
-    };
+private:
+    juce::ApplicationProperties appProperties;
+    std::unique_ptr<QuendaStandaloneWindow> mainWindow;
+};
 }
 
 juce::JUCEApplicationBase* juce_CreateApplication();

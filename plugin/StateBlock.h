@@ -15,22 +15,22 @@
 */
 namespace StateBlock
 {
-    constexpr juce::uint32 magic = 0x21324356;
+constexpr juce::uint32 magic = 0x21324356;
 
-    // One attribute per parameter, named by its ID, in parameter order.
-    constexpr auto numValues = (size_t) ParameterTable::numParameters;
+// One attribute per parameter, named by its ID, in parameter order.
+constexpr auto numValues = (size_t) ParameterTable::numParameters;
 
-    /** Values by parameter index; switches count as on at 0.5 and above. */
-    using Values = std::array<float, numValues>;
+/** Values by parameter index; switches count as on at 0.5 and above. */
+using Values = std::array<float, numValues>;
 
-    /** What a block restores: one entry per parameter, empty where the attribute was absent. */
-    using Restored = std::array<std::optional<float>, numValues>;
+/** What a block restores: one entry per parameter, empty where the attribute was absent. */
+using Restored = std::array<std::optional<float>, numValues>;
 
-    /** %.20g of the float widened to double, independent of the C locale. */
-    juce::String formatDouble (double value);
+/** %.20g of the float widened to double, independent of the C locale. */
+juce::String formatDouble (double value);
 
-    juce::MemoryBlock write (const Values& values);
+juce::MemoryBlock write (const Values& values);
 
-    /** Empty when the block is not ours: too short, wrong magic, bad length or no Params element. */
-    std::optional<Restored> read (const void* data, int sizeInBytes);
+/** Empty when the block is not ours: too short, wrong magic, bad length or no Params element. */
+std::optional<Restored> read (const void* data, int sizeInBytes);
 }

@@ -38,8 +38,9 @@ int main (int argc, char** argv)
            "// (scripts/make-fftw-wisdom.sh). Do not edit by hand.\n"
            "namespace audiofft\n{\n"
            "extern const char* const shippedWisdom;\n"
-           "const char* const shippedWisdom = R\"wisdom(" << wisdom << ")wisdom\";\n"
-           "}\n";
+           "const char* const shippedWisdom = R\"wisdom("
+        << wisdom << ")wisdom\";\n"
+                     "}\n";
 
     if (! out.good())
     {

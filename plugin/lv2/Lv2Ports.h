@@ -13,30 +13,33 @@
 */
 namespace Lv2Ports
 {
-    enum : std::uint32_t
-    {
-        inputLeft = 0,
-        inputRight,
-        outputLeft,
-        outputRight,
-        firstParameter,
-        latency = firstParameter + ParameterTable::numParameters,
-        enabled,
-        numPorts
-    };
+enum : std::uint32_t
+{
+    inputLeft = 0,
+    inputRight,
+    outputLeft,
+    outputRight,
+    firstParameter,
+    latency = firstParameter + ParameterTable::numParameters,
+    enabled,
+    numPorts
+};
 
-    constexpr std::uint32_t parameterPort (std::size_t index) noexcept  { return firstParameter + (std::uint32_t) index; }
+constexpr std::uint32_t parameterPort (std::size_t index) noexcept
+{
+    return firstParameter + (std::uint32_t) index;
+}
 
-    /** The parameter index of a port, or numParameters for a port that is no parameter. */
-    constexpr std::size_t parameterIndex (std::uint32_t port) noexcept
-    {
-        return port >= firstParameter && port < latency ? (std::size_t) (port - firstParameter)
-                                                        : (std::size_t) ParameterTable::numParameters;
-    }
+/** The parameter index of a port, or numParameters for a port that is no parameter. */
+constexpr std::size_t parameterIndex (std::uint32_t port) noexcept
+{
+    return port >= firstParameter && port < latency ? (std::size_t) (port - firstParameter)
+                                                    : (std::size_t) ParameterTable::numParameters;
+}
 
-    // The state key, the UI and the preset keep the names earlier builds gave them, so
-    // sessions and presets saved with those still load.
-    inline constexpr const char* stateKeySuffix = ":StateString";
-    inline constexpr const char* programKeySuffix = ":Program";
-    inline constexpr const char* uiSuffix = ":UI";
+// The state key, the UI and the preset keep the names earlier builds gave them, so
+// sessions and presets saved with those still load.
+inline constexpr const char* stateKeySuffix = ":StateString";
+inline constexpr const char* programKeySuffix = ":Program";
+inline constexpr const char* uiSuffix = ":UI";
 }

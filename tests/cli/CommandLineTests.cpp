@@ -40,9 +40,11 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
     temp["cut.flac"].replaceWithData (flac.getData(), flac.getSize() * 2 / 3);
     static_cast<char*> (flac.getData())[flac.getSize() / 2] ^= 0x5a;
     temp["flipped.flac"].replaceWithData (flac.getData(), flac.getSize());
-    const char comments[] = "FORM\0\0\0\x0e" "AIFFCOMT\0\0\0\x02\xff\xff";
+    const char comments[] = "FORM\0\0\0\x0e"
+                            "AIFFCOMT\0\0\0\x02\xff\xff";
     temp["comments.aiff"].replaceWithData (comments, sizeof (comments) - 1);
-    const char garbage[] = "RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x02\0\x80\xbb\0\0\0\xee\x02\0\x04\0\x10\0" "\x01l\xfe\x02\xff\xff\xff\x70";
+    const char garbage[] = "RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x02\0\x80\xbb\0\0\0\xee\x02\0\x04\0\x10\0"
+                           "\x01l\xfe\x02\xff\xff\xff\x70";
     temp["garbage.wav"].replaceWithData (garbage, sizeof (garbage) - 1);
     temp["text.wav"].replaceWithText ("this is not audio at all, just text pretending to be a WAV file");
     temp["folder.wav"].createDirectory();
@@ -51,32 +53,32 @@ TEST (Options, RefusalsExitWithTheirStatusAndTouchNothing)
 
     const auto in = temp ("in.wav"), fresh = temp ("new.wav");
     const std::vector<std::tuple<juce::StringArray, ExitCode, std::string>> cases {
-        { { in, fresh, "--frobnicate" },                  ExitCode::badUsage,         "unknown option '--frobnicate'" },
-        { { in, fresh, "--tilt" },                        ExitCode::badUsage,         "--tilt needs a value" },
-        { { in, fresh, "--tilt", "1.5" },                 ExitCode::badUsage,         "outside -1 .. 1" },
-        { { in, fresh, "--param", "warmth=1" },           ExitCode::badUsage,         "unknown parameter 'warmth'" },
-        { { in, fresh, "--bit-depth", "20" },             ExitCode::badUsage,         "not 16, 24 or 32" },
-        { { in, fresh, "--dither", "shaped" },            ExitCode::badUsage,         "not tpdf or none" },
-        { { in },                                         ExitCode::badUsage,         "missing OUTPUT" },
-        { { in, temp ("new.flac"), "--bit-depth", "32" }, ExitCode::badUsage,         "needs a WAV output" },
-        { { in, temp ("new.mp3") },                       ExitCode::badFormat,        "unsupported output format '.mp3'" },
-        { { in, temp ("out.wav") },                       ExitCode::outputExists,     "use -y/--overwrite" },
-        { { in, fresh, "--plot", temp ("text.wav") },     ExitCode::outputExists,     "use -y/--overwrite" },
-        { { in, in, "-y" },                               ExitCode::outputUnwritable, "it is the input file" },
-        { { in, temp ("alias.wav"), "-y" },               ExitCode::outputUnwritable, "it is the input file" },
-        { { in, temp ("text.wav/out.wav") },              ExitCode::outputUnwritable, "does not exist" },
-        { { in, fresh, "--preset", temp ("text.wav") },   ExitCode::badFormat,        "not a Quenda state block" },
-        { { in, fresh, "--preset", temp ("no.state") },   ExitCode::inputUnreadable,  "no.state" },
-        { { temp ("cut.flac"), fresh },                   ExitCode::badFormat,        "is truncated" },
-        { { temp ("flipped.flac"), fresh },               ExitCode::badFormat,        "is damaged" },
-        { { temp ("text.wav"), fresh },                   ExitCode::badFormat,        "not a WAV, AIFF or FLAC file" },
-        { { temp ("garbage.wav"), fresh },                ExitCode::badFormat,        "damaged header: the chunk at byte 36 claims 1895825407 bytes" },
-        { { temp ("comments.aiff"), fresh },              ExitCode::badFormat,        "'COMT' chunk lists 65535 entries" },
-        { { temp ("surround.wav"), fresh },               ExitCode::badFormat,        "has 3 channels" },
-        { { temp ("missing.wav"), fresh },                ExitCode::inputUnreadable,  "no such file" },
-        { { temp ("missing.wav"), temp ("out.wav") },     ExitCode::inputUnreadable,  "no such file" },
-        { { temp ("text.wav"), temp ("out.wav") },        ExitCode::badFormat,        "not a WAV, AIFF or FLAC file" },
-        { { temp ("folder.wav"), fresh },                 ExitCode::inputUnreadable,  "is a folder" },
+        { { in, fresh, "--frobnicate" }, ExitCode::badUsage, "unknown option '--frobnicate'" },
+        { { in, fresh, "--tilt" }, ExitCode::badUsage, "--tilt needs a value" },
+        { { in, fresh, "--tilt", "1.5" }, ExitCode::badUsage, "outside -1 .. 1" },
+        { { in, fresh, "--param", "warmth=1" }, ExitCode::badUsage, "unknown parameter 'warmth'" },
+        { { in, fresh, "--bit-depth", "20" }, ExitCode::badUsage, "not 16, 24 or 32" },
+        { { in, fresh, "--dither", "shaped" }, ExitCode::badUsage, "not tpdf or none" },
+        { { in }, ExitCode::badUsage, "missing OUTPUT" },
+        { { in, temp ("new.flac"), "--bit-depth", "32" }, ExitCode::badUsage, "needs a WAV output" },
+        { { in, temp ("new.mp3") }, ExitCode::badFormat, "unsupported output format '.mp3'" },
+        { { in, temp ("out.wav") }, ExitCode::outputExists, "use -y/--overwrite" },
+        { { in, fresh, "--plot", temp ("text.wav") }, ExitCode::outputExists, "use -y/--overwrite" },
+        { { in, in, "-y" }, ExitCode::outputUnwritable, "it is the input file" },
+        { { in, temp ("alias.wav"), "-y" }, ExitCode::outputUnwritable, "it is the input file" },
+        { { in, temp ("text.wav/out.wav") }, ExitCode::outputUnwritable, "does not exist" },
+        { { in, fresh, "--preset", temp ("text.wav") }, ExitCode::badFormat, "not a Quenda state block" },
+        { { in, fresh, "--preset", temp ("no.state") }, ExitCode::inputUnreadable, "no.state" },
+        { { temp ("cut.flac"), fresh }, ExitCode::badFormat, "is truncated" },
+        { { temp ("flipped.flac"), fresh }, ExitCode::badFormat, "is damaged" },
+        { { temp ("text.wav"), fresh }, ExitCode::badFormat, "not a WAV, AIFF or FLAC file" },
+        { { temp ("garbage.wav"), fresh }, ExitCode::badFormat, "damaged header: the chunk at byte 36 claims 1895825407 bytes" },
+        { { temp ("comments.aiff"), fresh }, ExitCode::badFormat, "'COMT' chunk lists 65535 entries" },
+        { { temp ("surround.wav"), fresh }, ExitCode::badFormat, "has 3 channels" },
+        { { temp ("missing.wav"), fresh }, ExitCode::inputUnreadable, "no such file" },
+        { { temp ("missing.wav"), temp ("out.wav") }, ExitCode::inputUnreadable, "no such file" },
+        { { temp ("text.wav"), temp ("out.wav") }, ExitCode::badFormat, "not a WAV, AIFF or FLAC file" },
+        { { temp ("folder.wav"), fresh }, ExitCode::inputUnreadable, "is a folder" },
     };
 
     const auto files = temp.count();
@@ -110,7 +112,7 @@ TEST (Output, LinksAreWrittenThroughAndReadOnlyFilesReplacedOnlyWhenAsked)
     temp["real"].createDirectory();
     temp["real/old.wav"].replaceWithText ("old");
     ASSERT_TRUE (temp["real/old.wav"].createSymbolicLink (temp["old.wav"], false));
-    ASSERT_TRUE (temp["real/new.wav"].createSymbolicLink (temp["new.wav"], false));     // leads nowhere yet
+    ASSERT_TRUE (temp["real/new.wav"].createSymbolicLink (temp["new.wav"], false));   // leads nowhere yet
 
     // The links stay links; the files they lead to get the audio, without a temporary left over.
     for (auto [name, args] : { std::pair { "old.wav", juce::StringArray { "-y" } }, std::pair { "new.wav", juce::StringArray {} } })
@@ -134,7 +136,9 @@ TEST (Output, LinksAreWrittenThroughAndReadOnlyFilesReplacedOnlyWhenAsked)
     EXPECT_EQ (result.code, 0);
     EXPECT_NE (result.err.find ("replaced '" + temp ("locked.wav").toStdString() + "', which was read-only"), std::string::npos) << result.err;
     EXPECT_EQ (readAudio (temp["locked.wav"]).audio.getNumSamples(), 1000);
-    struct stat info {};
+    struct stat info
+    {
+    };
     ASSERT_EQ (::stat (temp ("locked.wav").toRawUTF8(), &info), 0);
     EXPECT_EQ (info.st_mode & 0777, 0444u) << "the replacement keeps the file's mode";
 }
@@ -155,7 +159,9 @@ TEST (Presets, RoundTripToTheIdenticalRender)
     TempFolder temp;
     writeAudio (temp["in.wav"], noise (2, 12000));
     ASSERT_EQ (render ({ temp ("in.wav"), temp ("direct.wav"), "--tilt", "-0.35", "--lin-phase", "--low", "2.5",
-                         "--low-freq", "90", "--trim", "-0.5", "--save-preset", temp ("p.state"), "-q" }).code, 0);
+                         "--low-freq", "90", "--trim", "-0.5", "--save-preset", temp ("p.state"), "-q" })
+                   .code,
+               0);
     ASSERT_EQ (render ({ temp ("in.wav"), temp ("preset.wav"), "--preset", temp ("p.state"), "-q" }).code, 0);
     EXPECT_EQ (bytes (temp["direct.wav"]), bytes (temp["preset.wav"]));
 

@@ -19,13 +19,18 @@ TEST (Render, OutputLinesUpWithTheInput)
     writeAudio (temp["mono.wav"], noise (1, length, 0));
 
     // Near the end an impulse only survives if the delayed tail is flushed out.
-    const struct { const char* input; juce::StringArray args; int peak; } cases[] {
+    const struct
+    {
+        const char* input;
+        juce::StringArray args;
+        int peak;
+    } cases[] {
         { "start.wav", { "--tilt", "1", "--lin-phase", "--block-size", "333" }, 0 },
         { "start.wav", { "--tilt", "1", "--lin-phase", "--no-latency-compensation" }, delay },
-        { "end.wav",   { "--tilt", "1", "--lin-phase" }, length - 10 },
+        { "end.wav", { "--tilt", "1", "--lin-phase" }, length - 10 },
         { "start.wav", { "--tilt", "1" }, 0 },
         { "start.wav", { "--trim", "-6" }, 0 },
-        { "mono.wav",  { "--tilt", "1" }, 0 },
+        { "mono.wav", { "--tilt", "1" }, 0 },
     };
 
     std::vector<juce::AudioBuffer<float>> outputs;
@@ -78,7 +83,8 @@ TEST (Render, SummaryCountsSamplesOverFullScaleForFloatAndRealClipsForIntegers)
         return n;
     };
 
-    const auto over = count ([] (float x) { return std::abs (x) > 1.0f; });
+    const auto over = count ([] (float x)
+                             { return std::abs (x) > 1.0f; });
     ASSERT_GT (over, 0);
     const auto expected = juce::String (20.0 * std::log10 ((double) peak), 2) + " dBFS, " + juce::String (over) + " samples over 0 dBFS";
     EXPECT_NE (result.err.find (expected.toStdString()), std::string::npos) << result.err << "expected: " << expected;
@@ -86,7 +92,8 @@ TEST (Render, SummaryCountsSamplesOverFullScaleForFloatAndRealClipsForIntegers)
 
     // Integer files count the samples they had to limit: at 16 bits those that round past the
     // top step, which the float count misses.
-    const auto clipped16 = count ([] (float x) { const auto level = std::floor ((double) x * 32768.0 + 0.5); return level < -32768.0 || level > 32767.0; });
+    const auto clipped16 = count ([] (float x)
+                                  { const auto level = std::floor ((double) x * 32768.0 + 0.5); return level < -32768.0 || level > 32767.0; });
     ASSERT_GE (clipped16, over);
     for (auto [depth, clipped] : { std::pair { "16", clipped16 }, std::pair { "24", over } })
     {
@@ -158,9 +165,20 @@ TEST (Render, NonFiniteInputSamplesAloneBecomeSilenceWithAWarning)
 TEST (Formats, RoundTripKeepsTheFormat)
 {
     TempFolder temp;
-    const struct { const char* input; int channels, bits; const char* output; const char* depth; int outBits; } cases[] {
-        { "a.wav", 2, 16, "a.flac", "", 16 }, { "b.aiff", 1, 24, "b.wav", "", 24 }, { "c.flac", 2, 24, "c.aiff", "", 24 },
-        { "d.wav", 2, 32, "d.flac", "", 24 }, { "d.wav", 2, 32, "e.wav", "", 32 }, { "d.wav", 2, 32, "f.wav", "16", 16 },
+    const struct
+    {
+        const char* input;
+        int channels, bits;
+        const char* output;
+        const char* depth;
+        int outBits;
+    } cases[] {
+        { "a.wav", 2, 16, "a.flac", "", 16 },
+        { "b.aiff", 1, 24, "b.wav", "", 24 },
+        { "c.flac", 2, 24, "c.aiff", "", 24 },
+        { "d.wav", 2, 32, "d.flac", "", 24 },
+        { "d.wav", 2, 32, "e.wav", "", 32 },
+        { "d.wav", 2, 32, "f.wav", "16", 16 },
     };
 
     for (auto& [input, channels, bits, output, depth, outBits] : cases)
@@ -173,7 +191,8 @@ TEST (Formats, RoundTripKeepsTheFormat)
 
         const auto loaded = readAudio (temp[output]);
         EXPECT_EQ (std::make_tuple (loaded.sampleRate, loaded.audio.getNumChannels(), loaded.audio.getNumSamples(), loaded.bits, loaded.isFloat),
-                   std::make_tuple (44100.0, channels, 4410, outBits, outBits == 32)) << output;
+                   std::make_tuple (44100.0, channels, 4410, outBits, outBits == 32))
+            << output;
         EXPECT_TRUE (loaded.format.containsIgnoreCase (temp[output].getFileExtension().substring (1))) << loaded.format;
     }
 }
@@ -225,12 +244,17 @@ TEST (Formats, WavFromRecordersStreamsAndLargeFilesAndDoubles)
     const auto audio = noise (2, 3000);
     constexpr juce::uint32 unknown = 0xffffffff;
     const auto bytes16 = 3000u * 4u;
-    const struct { const char* name; juce::MemoryBlock file; const char* said; } cases[] {
-        { "doubles.wav",  wavFile (audio, 3, 64, 36 + 4 * bytes16, 4 * bytes16), "64-bit float input: the output is 32-bit float" },
+    const struct
+    {
+        const char* name;
+        juce::MemoryBlock file;
+        const char* said;
+    } cases[] {
+        { "doubles.wav", wavFile (audio, 3, 64, 36 + 4 * bytes16, 4 * bytes16), "64-bit float input: the output is 32-bit float" },
         { "streamed.wav", wavFile (audio, 1, 16, unknown, unknown), "no length for the audio (0xFFFFFFFF, as streamed files give); the audio was read to the end of the file" },
-        { "cut-off.wav",  wavFile (audio, 1, 16, 0, 0), "no length for the audio (0, as a recording that was cut off leaves); the audio was read to the end of the file" },
-        { "riff-0.wav",   wavFile (audio, 1, 16, 0, bytes16), "gives a file length (0 bytes) that ends before the audio" },
-        { "rf64.wav",     wavFile (audio, 1, 16, unknown, unknown, true), "" },
+        { "cut-off.wav", wavFile (audio, 1, 16, 0, 0), "no length for the audio (0, as a recording that was cut off leaves); the audio was read to the end of the file" },
+        { "riff-0.wav", wavFile (audio, 1, 16, 0, bytes16), "gives a file length (0 bytes) that ends before the audio" },
+        { "rf64.wav", wavFile (audio, 1, 16, unknown, unknown, true), "" },
     };
 
     for (auto& [name, file, said] : cases)
@@ -309,7 +333,7 @@ TEST (Formats, SixteenBitDitherIsReproducible)
 {
     TempFolder temp;
     constexpr float lsb = 1.0f / 32768.0f;
-    juce::AudioBuffer<float> quiet (1, 48000);      // a third of a step: plain rounding writes silence
+    juce::AudioBuffer<float> quiet (1, 48000);   // a third of a step: plain rounding writes silence
     for (int i = 0; i < quiet.getNumSamples(); ++i)
         quiet.setSample (0, i, 0.3f * lsb * (float) std::sin (0.05 * i));
     writeAudio (temp["quiet.wav"], quiet);
@@ -387,7 +411,8 @@ TEST (Formats, SixteenBitLevelsAreTriangularDitherWhateverTheWrites)
     const auto levels = writeInPieces (temp["constant.wav"], constant, { 4097 });
 
     const auto n = constant.getNumSamples();
-    auto error = [&] (int channel, int i) { return (double) levels.getSample (channel, i) * 32768.0 - 0.3; };
+    auto error = [&] (int channel, int i)
+    { return (double) levels.getSample (channel, i) * 32768.0 - 0.3; };
     double mean = 0.0, variance = 0.0, acrossChannels = 0.0, neighbours = 0.0;
     for (int i = 0; i < n; ++i)
     {

@@ -18,73 +18,75 @@
 
 namespace
 {
-    using P = QuendaAudioProcessor;
+using P = QuendaAudioProcessor;
 
-    // Values inside the editor's ranges, where the output must stay finite at every rate used here.
-    float randomPlainValue (juce::Random& random, int index)
-    {
-        const auto& entry = ParameterTable::entry ((size_t) index);
-        return entry.isSwitch ? (random.nextBool() ? 1.0f : 0.0f) : entry.minimum + random.nextFloat() * (entry.maximum - entry.minimum);
-    }
+// Values inside the editor's ranges, where the output must stay finite at every rate used here.
+float randomPlainValue (juce::Random& random, int index)
+{
+    const auto& entry = ParameterTable::entry ((size_t) index);
+    return entry.isSwitch ? (random.nextBool() ? 1.0f : 0.0f) : entry.minimum + random.nextFloat() * (entry.maximum - entry.minimum);
+}
 
-    /** A host's audio callback. Like JUCE's AudioProcessorPlayer it holds the device lock
+/** A host's audio callback. Like JUCE's AudioProcessorPlayer it holds the device lock
         around each block, and the message thread takes the same lock to change the rate or
         block size and call prepareToPlay. */
-    struct AudioThread
+struct AudioThread
+{
+    AudioThread (P& p, std::atomic<bool>& stop, juce::int64 seed)
+        : processor (p), running (stop), random (seed) {}
+
+    void reconfigure (juce::Random& choice)
     {
-        AudioThread (P& p, std::atomic<bool>& stop, juce::int64 seed) : processor (p), running (stop), random (seed) {}
+        const double rates[] = { 44100.0, 48000.0, 96000.0 };
+        const int blockSizes[] = { 64, 256, 333, 1024 };
+        const auto rate = rates[choice.nextInt (3)];
+        const auto blockSize = blockSizes[choice.nextInt (4)];
 
-        void reconfigure (juce::Random& choice)
+        const std::lock_guard<std::mutex> stopped (deviceLock);
+        processor.setRateAndBufferSizeDetails (rate, blockSize);
+        processor.prepareToPlay (rate, blockSize);
+        maxBlock = blockSize;
+    }
+
+    void run()
+    {
+        juce::AudioBuffer<float> buffer (2, 1024);
+        juce::MidiBuffer midi;
+
+        while (running.load())
         {
-            const double rates[] = { 44100.0, 48000.0, 96000.0 };
-            const int blockSizes[] = { 64, 256, 333, 1024 };
-            const auto rate = rates[choice.nextInt (3)];
-            const auto blockSize = blockSizes[choice.nextInt (4)];
+            const std::lock_guard<std::mutex> playing (deviceLock);
+            const auto n = 1 + random.nextInt (maxBlock);
+            juce::AudioBuffer<float> view (buffer.getArrayOfWritePointers(), 2, 0, n);
 
-            const std::lock_guard<std::mutex> stopped (deviceLock);
-            processor.setRateAndBufferSizeDetails (rate, blockSize);
-            processor.prepareToPlay (rate, blockSize);
-            maxBlock = blockSize;
-        }
+            for (int i = 0; i < 2 * n; ++i)
+                view.setSample (i % 2, i / 2, random.nextFloat() - 0.5f);
 
-        void run()
-        {
-            juce::AudioBuffer<float> buffer (2, 1024);
-            juce::MidiBuffer midi;
-
-            while (running.load())
+            // Hosts also automate from the audio thread, just before the block.
+            if (random.nextInt (8) == 0)
             {
-                const std::lock_guard<std::mutex> playing (deviceLock);
-                const auto n = 1 + random.nextInt (maxBlock);
-                juce::AudioBuffer<float> view (buffer.getArrayOfWritePointers(), 2, 0, n);
-
-                for (int i = 0; i < 2 * n; ++i)
-                    view.setSample (i % 2, i / 2, random.nextFloat() - 0.5f);
-
-                // Hosts also automate from the audio thread, just before the block.
-                if (random.nextInt (8) == 0)
-                {
-                    const auto index = random.nextInt (ParameterTable::numParameters);
-                    processor.getParameters()[index]->setValue (randomPlainValue (random, index));
-                }
-
-                processor.processBlock (view, midi);
-
-                const auto* const* channels = view.getArrayOfReadPointers();
-                const auto isFinite = [] (float x) { return std::isfinite (x); };
-                nonFiniteBlocks += std::all_of (channels[0], channels[0] + n, isFinite) && std::all_of (channels[1], channels[1] + n, isFinite) ? 0 : 1;
-                ++blocksPlayed;
+                const auto index = random.nextInt (ParameterTable::numParameters);
+                processor.getParameters()[index]->setValue (randomPlainValue (random, index));
             }
-        }
 
-        P& processor;
-        std::atomic<bool>& running;
-        juce::Random random;
-        std::mutex deviceLock;
-        int maxBlock = 0;
-        int blocksPlayed = 0;
-        int nonFiniteBlocks = 0;
-    };
+            processor.processBlock (view, midi);
+
+            const auto* const* channels = view.getArrayOfReadPointers();
+            const auto isFinite = [] (float x)
+            { return std::isfinite (x); };
+            nonFiniteBlocks += std::all_of (channels[0], channels[0] + n, isFinite) && std::all_of (channels[1], channels[1] + n, isFinite) ? 0 : 1;
+            ++blocksPlayed;
+        }
+    }
+
+    P& processor;
+    std::atomic<bool>& running;
+    juce::Random random;
+    std::mutex deviceLock;
+    int maxBlock = 0;
+    int blocksPlayed = 0;
+    int nonFiniteBlocks = 0;
+};
 }
 
 TEST (HostThreads, EveryHostThreadAtOnce)
@@ -100,13 +102,15 @@ TEST (HostThreads, EveryHostThreadAtOnce)
     juce::Random settings (4);
     firstAudio.reconfigure (settings);
     secondAudio.reconfigure (settings);
-    std::thread firstThread ([&] { firstAudio.run(); });
-    std::thread secondThread ([&] { secondAudio.run(); });
+    std::thread firstThread ([&]
+                             { firstAudio.run(); });
+    std::thread secondThread ([&]
+                              { secondAudio.run(); });
 
     // Automation from a thread of the host's own, with gestures, on both instances.
     int automationWrites = 0;
     std::thread automation ([&]
-    {
+                            {
         juce::Random random (3);
 
         while (running.load())
@@ -119,8 +123,7 @@ TEST (HostThreads, EveryHostThreadAtOnce)
             parameter->endChangeGesture();
             ++automationWrites;
             std::this_thread::sleep_for (std::chrono::microseconds (200));
-        }
-    });
+        } });
 
     int restores = 0, reconfigurations = 0;
     const auto* seconds = std::getenv ("QUENDA_STRESS_SECONDS");
@@ -173,7 +176,7 @@ TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
         std::atomic<int> deleted { 0 };
 
         std::thread host ([&]
-        {
+                          {
             for (int i = 0; i < instances; ++i)
             {
                 auto processor = std::make_unique<P>();
@@ -192,8 +195,7 @@ TEST (HostThreads, AnInstanceDeletedWhileItsKernelsAreDesigned)
                 }
 
                 ++deleted;
-            }
-        });
+            } });
 
         while (deleted.load() < instances)
             juce::MessageManager::getInstance()->runDispatchLoopUntil (1);

@@ -13,23 +13,26 @@ using Cf = std::complex<float>;
 
 namespace
 {
-    std::vector<float> signal (size_t n)  { return support::noise (n, (unsigned) n); }
+std::vector<float> signal (size_t n)
+{
+    return support::noise (n, (unsigned) n);
+}
 
-    // Bins further from an unscaled, sign -1 DFT in double than a few float ulps of the spectrum.
-    int binsOffTheDft (const std::vector<Cf>& bins, const std::vector<float>& x)
+// Bins further from an unscaled, sign -1 DFT in double than a few float ulps of the spectrum.
+int binsOffTheDft (const std::vector<Cf>& bins, const std::vector<float>& x)
+{
+    const size_t n = x.size();
+    const double pi = std::acos (-1.0), tolerance = 4e-6 * std::sqrt ((double) n) * std::log2 ((double) n + 1.0);
+    int off = 0;
+    for (size_t k = 0; k < bins.size(); ++k)
     {
-        const size_t n = x.size();
-        const double pi = std::acos (-1.0), tolerance = 4e-6 * std::sqrt ((double) n) * std::log2 ((double) n + 1.0);
-        int off = 0;
-        for (size_t k = 0; k < bins.size(); ++k)
-        {
-            std::complex<double> sum;
-            for (size_t t = 0; t < n; ++t)
-                sum += (double) x[t] * std::polar (1.0, -2.0 * pi * (double) ((k * t) % n) / (double) n);
-            off += std::abs (std::complex<double> (bins[k]) - sum) > tolerance;
-        }
-        return off;
+        std::complex<double> sum;
+        for (size_t t = 0; t < n; ++t)
+            sum += (double) x[t] * std::polar (1.0, -2.0 * pi * (double) ((k * t) % n) / (double) n);
+        off += std::abs (std::complex<double> (bins[k]) - sum) > tolerance;
     }
+    return off;
+}
 }
 
 TEST (FFTW3FFT, TransformsMatchADirectDft)
@@ -70,7 +73,7 @@ TEST (FFTW3FFT, ConcurrentInitialisationFromSeveralThreads)
     std::vector<std::thread> threads;
     for (size_t t = 0; t < 4; ++t)
         threads.emplace_back ([&failures, t]
-        {
+                              {
             for (size_t round = 0; round < 25; ++round)
             {
                 const size_t n = 128 + 64 * ((t + round) % 4);
@@ -80,8 +83,7 @@ TEST (FFTW3FFT, ConcurrentInitialisationFromSeveralThreads)
                 std::vector<Cf> bins (n / 2 + 1);
                 fft.fft (signal (n).data(), bins);
                 failures[t] += binsOffTheDft (bins, signal (n));
-            }
-        });
+            } });
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ (failures[0] + failures[1] + failures[2] + failures[3], 0);
@@ -89,7 +91,7 @@ TEST (FFTW3FFT, ConcurrentInitialisationFromSeveralThreads)
 
 namespace audiofft
 {
-    extern const char* const shippedWisdom;
+extern const char* const shippedWisdom;
 }
 
 // A stale wisdom (new sizes, another FFTW) silently falls back to slower estimated plans.

@@ -10,33 +10,42 @@
 
 namespace
 {
-    std::complex<double> response (const Biquad::Coefficients& c, double hz, double fs)
-    {
-        const auto z = std::polar (1.0, -2.0 * std::acos (-1.0) * hz / fs);
-        return (c.b0 + c.b1 * z + c.b2 * z * z) / (1.0 + c.a1 * z + c.a2 * z * z);
-    }
+std::complex<double> response (const Biquad::Coefficients& c, double hz, double fs)
+{
+    const auto z = std::polar (1.0, -2.0 * std::acos (-1.0) * hz / fs);
+    return (c.b0 + c.b1 * z + c.b2 * z * z) / (1.0 + c.a1 * z + c.a2 * z * z);
+}
 
-    Biquad::Coefficients make (bool low, double fc, double q, double gainDb, double fs)
-    {
-        return low ? Biquad::lowShelf (fc, q, gainDb, fs) : Biquad::highShelf (fc, q, gainDb, fs);
-    }
+Biquad::Coefficients make (bool low, double fc, double q, double gainDb, double fs)
+{
+    return low ? Biquad::lowShelf (fc, q, gainDb, fs) : Biquad::highShelf (fc, q, gainDb, fs);
+}
 
-    Biquad section (bool low, double fc, double q, double gainDb, double fs)
-    {
-        Biquad b;
-        b.setCoefficients (make (low, fc, q, gainDb, fs));
-        return b;
-    }
+Biquad section (bool low, double fc, double q, double gainDb, double fs)
+{
+    Biquad b;
+    b.setCoefficients (make (low, fc, q, gainDb, fs));
+    return b;
+}
 
-    // Magnitude of a boosting Q shelf at its corner: sqrt (((V - 1) Q)^2 + V).
-    double cornerGain (double v, double q) { return std::hypot ((v - 1.0) * q, std::sqrt (v)); }
+// Magnitude of a boosting Q shelf at its corner: sqrt (((V - 1) Q)^2 + V).
+double cornerGain (double v, double q)
+{
+    return std::hypot ((v - 1.0) * q, std::sqrt (v));
+}
 }
 
 TEST (Biquad, ShelvesMatchTheirAnalyticResponse)
 {
-    const struct { bool low; double q, fc, fs; } shelves[] = {
-        { true, 0.35, 120.0, 44100.0 },  { true, 0.35, 1500.0, 96000.0 },
-        { false, 0.5, 6000.0, 48000.0 }, { false, 0.5, 2500.0, 44100.0 },
+    const struct
+    {
+        bool low;
+        double q, fc, fs;
+    } shelves[] = {
+        { true, 0.35, 120.0, 44100.0 },
+        { true, 0.35, 1500.0, 96000.0 },
+        { false, 0.5, 6000.0, 48000.0 },
+        { false, 0.5, 2500.0, 44100.0 },
     };
     for (const auto& c : shelves)
     {

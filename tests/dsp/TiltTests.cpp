@@ -14,33 +14,36 @@
 
 namespace
 {
-    using Cf = std::complex<float>;
-    const double pi = std::acos (-1.0);
+using Cf = std::complex<float>;
+const double pi = std::acos (-1.0);
 
-    // Kaiser window from the standard library's Bessel function.
-    double referenceKaiser (int i)
-    {
-        const double x = (i - (tilt::kernelLength - 1) / 2.0) / ((tilt::kernelLength - 1) / 2.0);
-        return std::cyl_bessel_i (0.0, 3.141 * std::sqrt (1.0 - x * x)) / std::cyl_bessel_i (0.0, 3.141);
-    }
+// Kaiser window from the standard library's Bessel function.
+double referenceKaiser (int i)
+{
+    const double x = (i - (tilt::kernelLength - 1) / 2.0) / ((tilt::kernelLength - 1) / 2.0);
+    return std::cyl_bessel_i (0.0, 3.141 * std::sqrt (1.0 - x * x)) / std::cyl_bessel_i (0.0, 3.141);
+}
 
-    // Ideal tilt in dB: slope dB per octave through 0 dB at 1300 Hz.
-    double idealDb (double slope, double hz) { return slope * std::log2 (hz / 1300.0); }
+// Ideal tilt in dB: slope dB per octave through 0 dB at 1300 Hz.
+double idealDb (double slope, double hz)
+{
+    return slope * std::log2 (hz / 1300.0);
+}
 
-    // Impulse responses of the designed kernels: linear falling, linear rising, minimum falling, minimum rising.
-    std::vector<std::vector<float>> kernels (double sampleRate, int fftSize)
-    {
-        TiltKernelDesigner designer;
-        audiofft::FFTW3FFT mainFft, minPhaseFft;
-        TiltKernelSpectra spectra;
-        designer.prepare (fftSize);
-        designer.design (sampleRate, mainFft, minPhaseFft, spectra);
-        std::vector<std::vector<float>> taps (4, std::vector<float> ((size_t) fftSize));
-        const std::vector<Cf>* spectrum[] = { &spectra.linearFalling, &spectra.linearRising, &spectra.minimumFalling, &spectra.minimumRising };
-        for (size_t i = 0; i < 4; ++i)
-            mainFft.ifft (taps[i].data(), *spectrum[i]);
-        return taps;
-    }
+// Impulse responses of the designed kernels: linear falling, linear rising, minimum falling, minimum rising.
+std::vector<std::vector<float>> kernels (double sampleRate, int fftSize)
+{
+    TiltKernelDesigner designer;
+    audiofft::FFTW3FFT mainFft, minPhaseFft;
+    TiltKernelSpectra spectra;
+    designer.prepare (fftSize);
+    designer.design (sampleRate, mainFft, minPhaseFft, spectra);
+    std::vector<std::vector<float>> taps (4, std::vector<float> ((size_t) fftSize));
+    const std::vector<Cf>* spectrum[] = { &spectra.linearFalling, &spectra.linearRising, &spectra.minimumFalling, &spectra.minimumRising };
+    for (size_t i = 0; i < 4; ++i)
+        mainFft.ifft (taps[i].data(), *spectrum[i]);
+    return taps;
+}
 }
 
 TEST (TiltKernelDesign, WindowAndTargetMatchTheirFormulas)
@@ -141,9 +144,21 @@ TEST (PartitionedConvolution, LayoutsStartEachLevelLateEnoughForItsSpreadWork)
 // the kernels hold only alike input.
 TEST (TiltStage, MatchesTheOracleOverLongStreams)
 {
-    const struct { int declared, largest; unsigned seed; int channels; size_t alikeFrom; } cases[] = {
-        { 1, 64, 1, 2, 0 }, { 32, 32, 2, 2, 0 }, { 64, 700, 3, 2, 25000 }, { 256, 600, 11, 1, 0 },
-        { 333, 1000, 4, 2, 0 }, { 512, 512, 5, 2, 0 }, { 4096, 4096, 7, 2, 0 }, { 4096, 9000, 8, 1, 0 },
+    const struct
+    {
+        int declared, largest;
+        unsigned seed;
+        int channels;
+        size_t alikeFrom;
+    } cases[] = {
+        { 1, 64, 1, 2, 0 },
+        { 32, 32, 2, 2, 0 },
+        { 64, 700, 3, 2, 25000 },
+        { 256, 600, 11, 1, 0 },
+        { 333, 1000, 4, 2, 0 },
+        { 512, 512, 5, 2, 0 },
+        { 4096, 4096, 7, 2, 0 },
+        { 4096, 9000, 8, 1, 0 },
     };
 
     for (const auto& c : cases)
@@ -177,7 +192,9 @@ TEST (TiltStage, MatchesTheOracleOverLongStreams)
         {
             // Block lengths from a few magnitudes, so short, odd and long blocks meet.
             const int magnitude = std::uniform_int_distribution<int> (0, 3) (random);
-            const int cap = std::min (c.largest, magnitude == 0 ? 3 : magnitude == 1 ? 64 : magnitude == 2 ? 700 : c.largest);
+            const int cap = std::min (c.largest, magnitude == 0 ? 3 : magnitude == 1 ? 64
+                                                                  : magnitude == 2   ? 700
+                                                                                     : c.largest);
             const int n = std::uniform_int_distribution<int> (1, cap) (random);
             const double tiltSteps[] = { 0.5, 0.5, -0.25, -0.25, 0.0, 0.0, 1.0, -1.0 };
             const double target = tiltSteps[(blockIndex / 3) % 8];
@@ -209,8 +226,9 @@ TEST (TiltStage, MatchesTheOracleOverLongStreams)
                 {
                     const auto t = target != previousTilt ? previousTilt + i * step : target;
                     const auto now = (long) (position + (size_t) i);
-                    const auto dry = ! linear ? input[(size_t) now]
-                                              : now >= TiltStage::linearPhaseDelay ? input[(size_t) (now - TiltStage::linearPhaseDelay)] : 0.0f;
+                    const auto dry = ! linear                             ? input[(size_t) now]
+                                     : now >= TiltStage::linearPhaseDelay ? input[(size_t) (now - TiltStage::linearPhaseDelay)]
+                                                                          : 0.0f;
                     const auto dryPart = (float) (1.0 - std::abs (t)) * dry;
                     const auto wet = t < 0.0 ? oracles[ch].negativeOutput()[i] : oracles[ch].positiveOutput()[i];
                     const auto expected = t == 0.0 ? dryPart : (float) ((double) wet * std::abs (t) + (double) dryPart);

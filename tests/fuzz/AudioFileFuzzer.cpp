@@ -16,17 +16,17 @@
 
 namespace
 {
-    const juce::File& scratchFile()
-    {
-        static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        static const auto folder = juce::File ("/dev/shm").isDirectory() ? juce::File ("/dev/shm")
-                                                                          : juce::File::getSpecialLocation (juce::File::tempDirectory);
-        static const auto file = folder.getChildFile ("quenda-fuzz-" + juce::String (::getpid()) + QUENDA_FUZZ_EXTENSION);
-        return file;
-    }
+const juce::File& scratchFile()
+{
+    static juce::ScopedJuceInitialiser_GUI juceInitialiser;
+    static const auto folder = juce::File ("/dev/shm").isDirectory() ? juce::File ("/dev/shm")
+                                                                     : juce::File::getSpecialLocation (juce::File::tempDirectory);
+    static const auto file = folder.getChildFile ("quenda-fuzz-" + juce::String (::getpid()) + QUENDA_FUZZ_EXTENSION);
+    return file;
+}
 
-    // Enough to reach every chunk and frame of a corpus file without rendering hours.
-    constexpr juce::int64 maxSamplesToRead = 1 << 16;
+// Enough to reach every chunk and frame of a corpus file without rendering hours.
+constexpr juce::int64 maxSamplesToRead = 1 << 16;
 }
 
 extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size);

@@ -15,18 +15,18 @@
 
 namespace
 {
-    const std::vector<cli::ParameterInfo>& parameters()
-    {
-        static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        static const auto described = cli::describeParameters();
-        return described;
-    }
+const std::vector<cli::ParameterInfo>& parameters()
+{
+    static juce::ScopedJuceInitialiser_GUI juceInitialiser;
+    static const auto described = cli::describeParameters();
+    return described;
+}
 
-    void check (bool condition)
-    {
-        if (! condition)
-            std::abort();
-    }
+void check (bool condition)
+{
+    if (! condition)
+        std::abort();
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size);
@@ -58,7 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size)
         for (const auto& setting : options.parameterValues)
         {
             const auto value = setting.second;
-            const auto parameter = std::find_if (known.begin(), known.end(), [&] (auto& p) { return p.id == setting.first; });
+            const auto parameter = std::find_if (known.begin(), known.end(), [&] (auto& p)
+                                                 { return p.id == setting.first; });
             check (parameter != known.end());
             check (std::isfinite (value));
 

@@ -12,17 +12,17 @@
 
 namespace
 {
-    QuendaAudioProcessor& processor()
-    {
-        static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-        static QuendaAudioProcessor instance;
-        return instance;
-    }
+QuendaAudioProcessor& processor()
+{
+    static juce::ScopedJuceInitialiser_GUI juceInitialiser;
+    static QuendaAudioProcessor instance;
+    return instance;
+}
 
-    bool sameValue (float a, float b)
-    {
-        return a == b || (a != a && b != b);
-    }
+bool sameValue (float a, float b)
+{
+    return a == b || (a != a && b != b);
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput (const uint8_t* data, size_t size);

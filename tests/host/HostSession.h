@@ -181,59 +181,59 @@ private:
 
 namespace
 {
-    /** Drives the plug-in and the model side by side, block by block. */
-    struct Session
+/** Drives the plug-in and the model side by side, block by block. */
+struct Session
+{
+    explicit Session (int blockSize, Settings initial = {}, double rate = 48000.0)
+        : declaredBlockSize (blockSize), settings (initial)
     {
-        explicit Session (int blockSize, Settings initial = {}, double rate = 48000.0)
-            : declaredBlockSize (blockSize), settings (initial)
-        {
-            apply();
-            plugin.start ((float) rate, declaredBlockSize);
-            model.start (rate, settings);
-        }
+        apply();
+        plugin.start ((float) rate, declaredBlockSize);
+        model.start (rate, settings);
+    }
 
-        /** As a host changing the rate: stopped, then started again at the new one. */
-        void restart (double rate)
-        {
-            plugin.stop();
-            plugin.start ((float) rate, declaredBlockSize);
-            model.start (rate, settings);
-        }
+    /** As a host changing the rate: stopped, then started again at the new one. */
+    void restart (double rate)
+    {
+        plugin.stop();
+        plugin.start ((float) rate, declaredBlockSize);
+        model.start (rate, settings);
+    }
 
-        void apply()
-        {
-            for (int i = 0; i < 8; ++i)
-                plugin.setParameter (i, settings[i]);
-        }
+    void apply()
+    {
+        for (int i = 0; i < 8; ++i)
+            plugin.setParameter (i, settings[i]);
+    }
 
-        /** Runs one block of noise through both and compares the output sample by sample. */
-        void block (int n, const char* what)
-        {
-            Block input;
-            for (unsigned c = 0; c < 2; ++c)
-                input.push_back (support::noise ((size_t) n, 2 * (unsigned) blockCount + c, 0.5f));
+    /** Runs one block of noise through both and compares the output sample by sample. */
+    void block (int n, const char* what)
+    {
+        Block input;
+        for (unsigned c = 0; c < 2; ++c)
+            input.push_back (support::noise ((size_t) n, 2 * (unsigned) blockCount + c, 0.5f));
 
-            apply();
-            const auto expected = model.process (input, settings);
-            plugin.process (input[0], input[1], 0, n);
+        apply();
+        const auto expected = model.process (input, settings);
+        plugin.process (input[0], input[1], 0, n);
 
-            for (size_t c = 0; c < 2; ++c)
-                for (size_t i = 0; i < (size_t) n; ++i)
-                    if (! (std::abs ((double) input[c][i] - expected[c][i]) < 2e-5))   // NaN fails too
-                    {
-                        ADD_FAILURE() << what << ", block " << blockCount << ", channel " << c << ", sample " << i
-                                      << ": got " << input[c][i] << ", expected " << expected[c][i];
-                        break;
-                    }
+        for (size_t c = 0; c < 2; ++c)
+            for (size_t i = 0; i < (size_t) n; ++i)
+                if (! (std::abs ((double) input[c][i] - expected[c][i]) < 2e-5))   // NaN fails too
+                {
+                    ADD_FAILURE() << what << ", block " << blockCount << ", channel " << c << ", sample " << i
+                                  << ": got " << input[c][i] << ", expected " << expected[c][i];
+                    break;
+                }
 
-            EXPECT_EQ (model.latency(), plugin.latency()) << what << ", block " << blockCount;
-            ++blockCount;
-        }
+        EXPECT_EQ (model.latency(), plugin.latency()) << what << ", block " << blockCount;
+        ++blockCount;
+    }
 
-        const int declaredBlockSize;
-        vst2host::Instance plugin;
-        ReferenceModel model;
-        Settings settings;
-        int blockCount = 0;
-    };
+    const int declaredBlockSize;
+    vst2host::Instance plugin;
+    ReferenceModel model;
+    Settings settings;
+    int blockCount = 0;
+};
 }

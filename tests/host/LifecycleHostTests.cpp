@@ -16,24 +16,29 @@ using vst2host::Instance;
 
 namespace
 {
-    double millisecondsToRun (const std::function<void()>& work)
-    {
-        const auto start = std::chrono::steady_clock::now();
-        work();
-        return std::chrono::duration<double, std::milli> (std::chrono::steady_clock::now() - start).count();
-    }
+double millisecondsToRun (const std::function<void()>& work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double, std::milli> (std::chrono::steady_clock::now() - start).count();
+}
 
-    void playOneBlock (Instance& plugin)
-    {
-        plugin.start (48000.0f, 512);
-        std::vector<float> left (512, 0.25f), right (512, -0.25f);
-        plugin.process (left, right, 0, 512);
-    }
+void playOneBlock (Instance& plugin)
+{
+    plugin.start (48000.0f, 512);
+    std::vector<float> left (512, 0.25f), right (512, -0.25f);
+    plugin.process (left, right, 0, 512);
+}
 }
 
 TEST (Vst2Lifecycle, CloseTakesMillisecondsInEveryOrder)
 {
-    struct Order { const char* what; bool play; bool closeElsewhere; };
+    struct Order
+    {
+        const char* what;
+        bool play;
+        bool closeElsewhere;
+    };
     const Order orders[] {
         { "closed right after opening, as a plug-in scan does", false, false },
         { "closed after playing", true, false },
@@ -52,9 +57,13 @@ TEST (Vst2Lifecycle, CloseTakesMillisecondsInEveryOrder)
                 playOneBlock (*plugin);
 
             if (order.closeElsewhere)
-                std::thread ([&] { slowest = std::max (slowest, millisecondsToRun ([&] { plugin.reset(); })); }).join();
+                std::thread ([&]
+                             { slowest = std::max (slowest, millisecondsToRun ([&]
+                                                                               { plugin.reset(); })); })
+                    .join();
             else
-                slowest = std::max (slowest, millisecondsToRun ([&] { plugin.reset(); }));
+                slowest = std::max (slowest, millisecondsToRun ([&]
+                                                                { plugin.reset(); }));
         }
 
         EXPECT_LT (slowest, 100.0) << order.what;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#if defined (_WIN32)
+#if defined(_WIN32)
  #include <windows.h>
 #else
  #include <dlfcn.h>
@@ -47,17 +47,17 @@ inline PluginMain builtPluginEntry()
     {
         const auto* override = std::getenv ("QUENDA_VST2_PATH");
         const std::string path = override != nullptr ? override : QUENDA_VST2_PATH;
-       #if defined (_WIN32)
+#if defined(_WIN32)
         auto* library = LoadLibraryA (path.c_str());
         if (library == nullptr)
             throw std::runtime_error ("LoadLibrary failed for " + path + ": error " + std::to_string (GetLastError()));
         auto* main = reinterpret_cast<PluginMain> (reinterpret_cast<void*> (GetProcAddress (library, "VSTPluginMain")));
-       #else
+#else
         auto* library = dlopen (path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr)
             throw std::runtime_error (std::string ("dlopen failed: ") + dlerror());
         auto* main = reinterpret_cast<PluginMain> (dlsym (library, "VSTPluginMain"));
-       #endif
+#endif
         return main != nullptr ? main : throw std::runtime_error ("VSTPluginMain not exported");
     }();
     return entry;
@@ -67,7 +67,8 @@ inline PluginMain builtPluginEntry()
 class Instance
 {
 public:
-    Instance() : Instance (builtPluginEntry()) {}
+    Instance()
+        : Instance (builtPluginEntry()) {}
 
     /** An instance of another plug-in, from its entry point (the peer bench's). */
     explicit Instance (PluginMain entry)
@@ -150,9 +151,9 @@ public:
         dispatch (effSetChunk, 0, (VstIntPtr) chunk.size(), chunk.data());
     }
 
-    float getParameter (int index)              { return effect->getParameter (effect, index); }
-    void setParameter (int index, float value)  { effect->setParameter (effect, index, value); }
-    int latency() const                         { return effect->initialDelay; }
+    float getParameter (int index) { return effect->getParameter (effect, index); }
+    void setParameter (int index, float value) { effect->setParameter (effect, index, value); }
+    int latency() const { return effect->initialDelay; }
 
     AEffect* effect = nullptr;
 

@@ -31,143 +31,150 @@
 
 namespace
 {
-    constexpr int blockSize = 256;
+constexpr int blockSize = 256;
 
-    struct UridMap
+struct UridMap
+{
+    std::map<std::string, LV2_URID> ids;
+    LV2_URID_Map feature { this, [] (LV2_URID_Map_Handle handle, const char* uri)
+                           {
+                               auto& known = static_cast<UridMap*> (handle)->ids;
+                               return known.emplace (uri, (LV2_URID) known.size() + 1).first->second;
+                           } };
+
+    LV2_URID operator() (const char* uri) { return feature.map (feature.handle, uri); }
+};
+
+void* library()
+{
+    static void* const handle = dlopen (QUENDA_LV2_BINARY, RTLD_NOW | RTLD_LOCAL);
+    EXPECT_NE (nullptr, handle) << dlerror();
+    return handle;
+}
+
+const LV2_Descriptor& descriptor()
+{
+    auto* entry = library() != nullptr ? reinterpret_cast<LV2_Descriptor_Function> (dlsym (library(), "lv2_descriptor")) : nullptr;
+    const auto* found = entry != nullptr ? entry (0) : nullptr;
+
+    if (found == nullptr)
+        throw std::runtime_error ("no lv2_descriptor in " QUENDA_LV2_BINARY);
+
+    return *found;
+}
+
+/** One instance, its ports connected to buffers of its own. */
+struct Plugin
+{
+    // Hosts differ in the size of maxBlockLength's Int: 0 leaves the option out.
+    explicit Plugin (size_t maxBlockLengthSize = sizeof (std::int32_t))
     {
-        std::map<std::string, LV2_URID> ids;
-        LV2_URID_Map feature { this, [] (LV2_URID_Map_Handle handle, const char* uri)
+        const std::int32_t int32 = blockSize;
+        const std::int64_t int64 = blockSize;
+        options.push_back ({ LV2_OPTIONS_INSTANCE, 0, map (LV2_BUF_SIZE__maxBlockLength), (uint32_t) maxBlockLengthSize,
+                             map (LV2_ATOM__Int), maxBlockLengthSize == sizeof (int64) ? (const void*) &int64 : &int32 });
+        if (maxBlockLengthSize == 0)
+            options.pop_back();
+        options.push_back ({ LV2_OPTIONS_INSTANCE, 0, 0, 0, 0, nullptr });
+
+        const LV2_Feature mapFeature { LV2_URID__map, &map.feature };
+        const LV2_Feature optionsFeature { LV2_OPTIONS__options, options.data() };
+        const LV2_Feature* features[] = { &mapFeature, &optionsFeature, nullptr };
+        handle = descriptor().instantiate (&descriptor(), 48000.0, QUENDA_LV2_BUNDLE, features);
+
+        if (handle == nullptr)
+            return;
+
+        for (auto i = 0u; i < 4; ++i)
+            descriptor().connect_port (handle, Lv2Ports::inputLeft + i, audio[i].data());
+        for (size_t i = 0; i < ParameterTable::numParameters; ++i)
         {
-            auto& known = static_cast<UridMap*> (handle)->ids;
-            return known.emplace (uri, (LV2_URID) known.size() + 1).first->second;
-        } };
-
-        LV2_URID operator() (const char* uri)     { return feature.map (feature.handle, uri); }
-    };
-
-    void* library()
-    {
-        static void* const handle = dlopen (QUENDA_LV2_BINARY, RTLD_NOW | RTLD_LOCAL);
-        EXPECT_NE (nullptr, handle) << dlerror();
-        return handle;
+            controls[i] = ParameterTable::entry (i).defaultValue;
+            descriptor().connect_port (handle, Lv2Ports::parameterPort (i), &controls[i]);
+        }
+        descriptor().connect_port (handle, Lv2Ports::latency, &latency);
+        descriptor().connect_port (handle, Lv2Ports::enabled, &enabled);
+        descriptor().activate (handle);
     }
 
-    const LV2_Descriptor& descriptor()
+    ~Plugin()
     {
-        auto* entry = library() != nullptr ? reinterpret_cast<LV2_Descriptor_Function> (dlsym (library(), "lv2_descriptor")) : nullptr;
-        const auto* found = entry != nullptr ? entry (0) : nullptr;
-
-        if (found == nullptr)
-            throw std::runtime_error ("no lv2_descriptor in " QUENDA_LV2_BINARY);
-
-        return *found;
+        if (handle != nullptr)
+        {
+            descriptor().deactivate (handle);
+            descriptor().cleanup (handle);
+        }
     }
 
-    /** One instance, its ports connected to buffers of its own. */
-    struct Plugin
+    void run()
     {
-        // Hosts differ in the size of maxBlockLength's Int: 0 leaves the option out.
-        explicit Plugin (size_t maxBlockLengthSize = sizeof (std::int32_t))
-        {
-            const std::int32_t int32 = blockSize;
-            const std::int64_t int64 = blockSize;
-            options.push_back ({ LV2_OPTIONS_INSTANCE, 0, map (LV2_BUF_SIZE__maxBlockLength), (uint32_t) maxBlockLengthSize,
-                                 map (LV2_ATOM__Int), maxBlockLengthSize == sizeof (int64) ? (const void*) &int64 : &int32 });
-            if (maxBlockLengthSize == 0)
-                options.pop_back();
-            options.push_back ({ LV2_OPTIONS_INSTANCE, 0, 0, 0, 0, nullptr });
+        for (auto& buffer : audio)
+            std::fill (buffer.begin(), buffer.end(), 0.0f);
+        descriptor().run (handle, blockSize);
+    }
 
-            const LV2_Feature mapFeature { LV2_URID__map, &map.feature };
-            const LV2_Feature optionsFeature { LV2_OPTIONS__options, options.data() };
-            const LV2_Feature* features[] = { &mapFeature, &optionsFeature, nullptr };
-            handle = descriptor().instantiate (&descriptor(), 48000.0, QUENDA_LV2_BUNDLE, features);
+    const LV2_State_Interface& state() const
+    {
+        return *static_cast<const LV2_State_Interface*> (descriptor().extension_data (LV2_STATE__interface));
+    }
 
-            if (handle == nullptr)
-                return;
-
-            for (auto i = 0u; i < 4; ++i)
-                descriptor().connect_port (handle, Lv2Ports::inputLeft + i, audio[i].data());
-            for (size_t i = 0; i < ParameterTable::numParameters; ++i)
-            {
-                controls[i] = ParameterTable::entry (i).defaultValue;
-                descriptor().connect_port (handle, Lv2Ports::parameterPort (i), &controls[i]);
-            }
-            descriptor().connect_port (handle, Lv2Ports::latency, &latency);
-            descriptor().connect_port (handle, Lv2Ports::enabled, &enabled);
-            descriptor().activate (handle);
-        }
-
-        ~Plugin()
-        {
-            if (handle != nullptr)
-            {
-                descriptor().deactivate (handle);
-                descriptor().cleanup (handle);
-            }
-        }
-
-        void run()
-        {
-            for (auto& buffer : audio)
-                std::fill (buffer.begin(), buffer.end(), 0.0f);
-            descriptor().run (handle, blockSize);
-        }
-
-        const LV2_State_Interface& state() const
-        {
-            return *static_cast<const LV2_State_Interface*> (descriptor().extension_data (LV2_STATE__interface));
-        }
-
-        /** The eight values of the state block the plug-in saves. */
-        StateBlock::Values saved()
-        {
-            std::map<LV2_URID, std::string> stored;
-            state().save (handle, [] (LV2_State_Handle h, uint32_t key, const void* value, size_t size, uint32_t, uint32_t)
+    /** The eight values of the state block the plug-in saves. */
+    StateBlock::Values saved()
+    {
+        std::map<LV2_URID, std::string> stored;
+        state().save (
+            handle, [] (LV2_State_Handle h, uint32_t key, const void* value, size_t size, uint32_t, uint32_t)
             {
                 (*static_cast<std::map<LV2_URID, std::string>*> (h))[key] = std::string (static_cast<const char*> (value), size);
-                return (LV2_State_Status) LV2_STATE_SUCCESS;
-            }, &stored, 0, nullptr);
+                return (LV2_State_Status) LV2_STATE_SUCCESS; },
+            &stored, 0, nullptr);
 
-            juce::MemoryBlock block;
-            block.fromBase64Encoding (juce::String (stored[map (stateKey().c_str())].c_str()));
-            const auto restored = StateBlock::read (block.getData(), (int) block.getSize());
-            StateBlock::Values values {};
-            values.fill (NAN);
-            for (size_t i = 0; restored && i < values.size(); ++i)
-                values[i] = (*restored)[i].value_or (NAN);
-            return values;
-        }
+        juce::MemoryBlock block;
+        block.fromBase64Encoding (juce::String (stored[map (stateKey().c_str())].c_str()));
+        const auto restored = StateBlock::read (block.getData(), (int) block.getSize());
+        StateBlock::Values values {};
+        values.fill (NAN);
+        for (size_t i = 0; restored && i < values.size(); ++i)
+            values[i] = (*restored)[i].value_or (NAN);
+        return values;
+    }
 
-        void restore (const StateBlock::Values& values)
+    void restore (const StateBlock::Values& values)
+    {
+        struct Source
         {
-            struct Source { std::string text; LV2_URID key, type; } source {
-                StateBlock::write (values).toBase64Encoding().toStdString(), map (stateKey().c_str()), map (LV2_ATOM__String) };
+            std::string text;
+            LV2_URID key, type;
+        } source {
+            StateBlock::write (values).toBase64Encoding().toStdString(), map (stateKey().c_str()), map (LV2_ATOM__String)
+        };
 
-            EXPECT_EQ (LV2_STATE_SUCCESS, state().restore (handle, [] (LV2_State_Handle h, uint32_t key, size_t* size, uint32_t* type, uint32_t* flags) -> const void*
-            {
+        EXPECT_EQ (LV2_STATE_SUCCESS, state().restore (
+                                          handle, [] (LV2_State_Handle h, uint32_t key, size_t* size, uint32_t* type, uint32_t* flags) -> const void*
+                                          {
                 auto& s = *static_cast<Source*> (h);
                 if (key != s.key)
                     return nullptr;
                 *size = s.text.size() + 1;
                 *type = s.type;
                 *flags = LV2_STATE_IS_POD;
-                return s.text.c_str();
-            }, &source, 0, nullptr));
-        }
+                return s.text.c_str(); },
+                                          &source, 0, nullptr));
+    }
 
-        static std::string stateKey()    { return std::string (QUENDA_LV2_URI) + Lv2Ports::stateKeySuffix; }
+    static std::string stateKey() { return std::string (QUENDA_LV2_URI) + Lv2Ports::stateKeySuffix; }
 
-        UridMap map;
-        std::vector<LV2_Options_Option> options;
-        LV2_Handle handle = nullptr;
-        std::array<std::array<float, blockSize>, 4> audio {};
-        std::array<float, ParameterTable::numParameters> controls {};
-        float latency = -1.0f, enabled = 1.0f;
-    };
+    UridMap map;
+    std::vector<LV2_Options_Option> options;
+    LV2_Handle handle = nullptr;
+    std::array<std::array<float, blockSize>, 4> audio {};
+    std::array<float, ParameterTable::numParameters> controls {};
+    float latency = -1.0f, enabled = 1.0f;
+};
 
-    // No value is a default, lin_phase is on.
-    const StateBlock::Values someValues { -0.37f, 0.0f, 1.0f, 1.25f, -2.5f, 1.75f, 97.5f, 7200.0f };
-    const StateBlock::Values otherValues { 0.5f, 1.0f, 0.0f, -3.0f, 4.0f, -1.0f, 200.0f, 10000.0f };
+// No value is a default, lin_phase is on.
+const StateBlock::Values someValues { -0.37f, 0.0f, 1.0f, 1.25f, -2.5f, 1.75f, 97.5f, 7200.0f };
+const StateBlock::Values otherValues { 0.5f, 1.0f, 0.0f, -3.0f, 4.0f, -1.0f, 200.0f, 10000.0f };
 }
 
 TEST (Lv2Entry, StartsWhateverSizeTheHostGivesMaxBlockLength)
@@ -216,7 +223,8 @@ TEST (Lv2Ui, TellsTheHostOfEveryValueThePluginSideChanges)
 
     // Hosts handle X errors themselves. With no window manager on the virtual display some
     // window-manager atoms are missing, and JUCE's window code meets that as an error.
-    XSetErrorHandler ([] (Display*, XErrorEvent*) { return 0; });
+    XSetErrorHandler ([] (Display*, XErrorEvent*)
+                      { return 0; });
 
     const auto parent = XCreateSimpleWindow (display, DefaultRootWindow (display), 0, 0, 800, 600, 0, 0, 0);
     XMapWindow (display, parent);
@@ -238,13 +246,14 @@ TEST (Lv2Ui, TellsTheHostOfEveryValueThePluginSideChanges)
     const LV2_Feature mapFeature { LV2_URID__map, &plugin.map.feature };
     const LV2_Feature* features[] = { &instanceAccess, &parentFeature, &mapFeature, nullptr };
     LV2UI_Widget widget = nullptr;
-    auto* handle = ui->instantiate (ui, QUENDA_LV2_URI, QUENDA_LV2_BUNDLE,
-                                    [] (LV2UI_Controller controller, uint32_t port, uint32_t size, uint32_t protocol, const void* buffer)
-                                    {
-                                        if (protocol == 0 && size == sizeof (float))
-                                            std::memcpy (&(*static_cast<std::map<uint32_t, float>*> (controller))[port], buffer, sizeof (float));
-                                    },
-                                    &written, &widget, features);
+    auto* handle = ui->instantiate (
+        ui, QUENDA_LV2_URI, QUENDA_LV2_BUNDLE,
+        [] (LV2UI_Controller controller, uint32_t port, uint32_t size, uint32_t protocol, const void* buffer)
+        {
+            if (protocol == 0 && size == sizeof (float))
+                std::memcpy (&(*static_cast<std::map<uint32_t, float>*> (controller))[port], buffer, sizeof (float));
+        },
+        &written, &widget, features);
     ASSERT_NE (nullptr, handle);
     EXPECT_NE (nullptr, widget);
 

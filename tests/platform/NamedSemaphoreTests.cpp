@@ -20,40 +20,41 @@ using namespace std::chrono_literals;
 
 namespace
 {
-    // Unique per run, so parallel test programs and real plug-ins never share them; removed
-    // from /dev/shm when the program ends.
-    struct Names : ::testing::Environment
+// Unique per run, so parallel test programs and real plug-ins never share them; removed
+// from /dev/shm when the program ends.
+struct Names : ::testing::Environment
+{
+    static std::string of (const std::string& what)
     {
-        static std::string of (const std::string& what)
-        {
-            return "Local\\QuendaTest_" + what + "_" + std::to_string (getpid());
-        }
-
-        void TearDown() override
-        {
-            for (auto what : { "binary", "processes", "stale", "stress" })
-                shm_unlink (("/Local.QuendaTest_" + std::string (what) + "_" + std::to_string (getpid())
-                             + ".uid" + std::to_string (getuid())).c_str());
-        }
-    };
-
-    const auto* const names = ::testing::AddGlobalTestEnvironment (new Names());
-
-    template <typename Body>
-    pid_t spawn (Body body)
-    {
-        const auto pid = fork();
-        if (pid == 0)
-            _exit (body());
-        return pid;
+        return "Local\\QuendaTest_" + what + "_" + std::to_string (getpid());
     }
 
-    int exitCodeOf (pid_t pid)
+    void TearDown() override
     {
-        int status = 0;
-        waitpid (pid, &status, 0);
-        return WIFEXITED (status) ? WEXITSTATUS (status) : -1;
+        for (auto what : { "binary", "processes", "stale", "stress" })
+            shm_unlink (("/Local.QuendaTest_" + std::string (what) + "_" + std::to_string (getpid())
+                         + ".uid" + std::to_string (getuid()))
+                            .c_str());
     }
+};
+
+const auto* const names = ::testing::AddGlobalTestEnvironment (new Names());
+
+template <typename Body>
+pid_t spawn (Body body)
+{
+    const auto pid = fork();
+    if (pid == 0)
+        _exit (body());
+    return pid;
+}
+
+int exitCodeOf (pid_t pid)
+{
+    int status = 0;
+    waitpid (pid, &status, 0);
+    return WIFEXITED (status) ? WEXITSTATUS (status) : -1;
+}
 }
 
 TEST (NamedSemaphore, CountsOnlyToOne)
@@ -68,7 +69,8 @@ TEST (NamedSemaphore, CountsOnlyToOne)
 
     // A thread that did not take it may release it, and the waiter is woken, not polled.
     std::atomic<bool> taken { false };
-    std::thread waiter ([&] { semaphore.wait(); taken = true; });
+    std::thread waiter ([&]
+                        { semaphore.wait(); taken = true; });
     std::this_thread::sleep_for (30ms);
     EXPECT_FALSE (taken.load());
     const auto released = std::chrono::steady_clock::now();
@@ -92,12 +94,11 @@ TEST (NamedSemaphore, IsSharedBetweenProcessesAndSurvivesHoldersThatDied)
 
     // The child takes the lock and holds it until it is killed.
     const auto child = spawn ([&]
-    {
+                              {
         NamedSemaphore::open (name).wait();
         (void) ! write (ready[1], "x", 1);
         pause();
-        return 0;
-    });
+        return 0; });
 
     char byte = 0;
     ASSERT_EQ (1, read (ready[0], &byte, 1));
@@ -108,16 +109,20 @@ TEST (NamedSemaphore, IsSharedBetweenProcessesAndSurvivesHoldersThatDied)
     EXPECT_TRUE (semaphore.waitFor (1000));
 
     // Released here, taken there.
-    EXPECT_EQ (0, exitCodeOf (spawn ([&] { return NamedSemaphore::open (name).waitFor (50) ? 1 : 0; })));
+    EXPECT_EQ (0, exitCodeOf (spawn ([&]
+                                     { return NamedSemaphore::open (name).waitFor (50) ? 1 : 0; })));
     semaphore.release();
-    EXPECT_EQ (0, exitCodeOf (spawn ([&] { return NamedSemaphore::open (name).waitFor (1000) ? 0 : 1; })));
+    EXPECT_EQ (0, exitCodeOf (spawn ([&]
+                                     { return NamedSemaphore::open (name).waitFor (1000) ? 0 : 1; })));
     close (ready[0]);
     close (ready[1]);
 
     // A name nobody here opens: each child is its only user, like a host started after a crash.
     const auto stale = Names::of ("stale");
-    EXPECT_EQ (0, exitCodeOf (spawn ([&] { NamedSemaphore::open (stale).wait(); return 0; })));
-    EXPECT_EQ (0, exitCodeOf (spawn ([&] { return NamedSemaphore::open (stale).waitFor (0) ? 0 : 1; })));
+    EXPECT_EQ (0, exitCodeOf (spawn ([&]
+                                     { NamedSemaphore::open (stale).wait(); return 0; })));
+    EXPECT_EQ (0, exitCodeOf (spawn ([&]
+                                     { return NamedSemaphore::open (stale).waitFor (0) ? 0 : 1; })));
 }
 
 TEST (NamedSemaphore, ExcludesThreadsAndProcessesUnderLoad)
@@ -146,10 +151,13 @@ TEST (NamedSemaphore, ExcludesThreadsAndProcessesUnderLoad)
         return rounds;
     };
 
-    const auto child = spawn ([&] { return hammer (NamedSemaphore::open (name)) > 0 ? 0 : 1; });
+    const auto child = spawn ([&]
+                              { return hammer (NamedSemaphore::open (name)) > 0 ? 0 : 1; });
     int rounds[2] {};
-    std::thread first ([&] { rounds[0] = hammer (semaphore); });
-    std::thread second ([&] { rounds[1] = hammer (semaphore); });
+    std::thread first ([&]
+                       { rounds[0] = hammer (semaphore); });
+    std::thread second ([&]
+                        { rounds[1] = hammer (semaphore); });
     first.join();
     second.join();
 

@@ -11,29 +11,29 @@
 
 namespace
 {
-    using P = ParameterTable;
+using P = ParameterTable;
 
-    // Logs everything the host hears from the processor as "begin i", "value i v", "end i".
-    struct EditorTest : public ::testing::Test, public juce::AudioProcessorListener
-    {
-        EditorTest()            { processor.addListener (this); }
-        ~EditorTest() override  { processor.removeListener (this); }
+// Logs everything the host hears from the processor as "begin i", "value i v", "end i".
+struct EditorTest : public ::testing::Test, public juce::AudioProcessorListener
+{
+    EditorTest() { processor.addListener (this); }
+    ~EditorTest() override { processor.removeListener (this); }
 
-        void audioProcessorParameterChanged (juce::AudioProcessor*, int i, float v) override  { heard ("value " + juce::String (i) + " " + juce::String (v)); }
-        void audioProcessorParameterChangeGestureBegin (juce::AudioProcessor*, int i) override { heard ("begin " + juce::String (i)); }
-        void audioProcessorParameterChangeGestureEnd (juce::AudioProcessor*, int i) override   { heard ("end " + juce::String (i)); }
-        void audioProcessorChanged (juce::AudioProcessor*, const ChangeDetails&) override {}
-        void heard (const juce::String& event)  { log << (log.isEmpty() ? "" : ", ") << event; }
-        juce::String hostHeard()                { return std::exchange (log, {}); }
+    void audioProcessorParameterChanged (juce::AudioProcessor*, int i, float v) override { heard ("value " + juce::String (i) + " " + juce::String (v)); }
+    void audioProcessorParameterChangeGestureBegin (juce::AudioProcessor*, int i) override { heard ("begin " + juce::String (i)); }
+    void audioProcessorParameterChangeGestureEnd (juce::AudioProcessor*, int i) override { heard ("end " + juce::String (i)); }
+    void audioProcessorChanged (juce::AudioProcessor*, const ChangeDetails&) override {}
+    void heard (const juce::String& event) { log << (log.isEmpty() ? "" : ", ") << event; }
+    juce::String hostHeard() { return std::exchange (log, {}); }
 
-        juce::AudioProcessorParameter& parameter (int i)  { return *processor.getParameters()[i]; }
-        juce::Slider& slider (int i)  { return dynamic_cast<juce::Slider&> (*editor.getControls().at ((size_t) i)); }
-        juce::Button& toggle (int i)  { return dynamic_cast<juce::Button&> (*editor.getControls().at ((size_t) i)); }
+    juce::AudioProcessorParameter& parameter (int i) { return *processor.getParameters()[i]; }
+    juce::Slider& slider (int i) { return dynamic_cast<juce::Slider&> (*editor.getControls().at ((size_t) i)); }
+    juce::Button& toggle (int i) { return dynamic_cast<juce::Button&> (*editor.getControls().at ((size_t) i)); }
 
-        juce::String log;
-        QuendaAudioProcessor processor;
-        QuendaAudioProcessorEditor editor { processor };
-    };
+    juce::String log;
+    QuendaAudioProcessor processor;
+    QuendaAudioProcessorEditor editor { processor };
+};
 }
 
 TEST_F (EditorTest, PollShowsHostValuesAndSendsNothingBack)
@@ -61,8 +61,7 @@ TEST_F (EditorTest, PollShowsHostValuesAndSendsNothingBack)
 TEST_F (EditorTest, SliderEditsReachTheParameterAsPlainValuesWithoutGesture)
 {
     // Outside 0..1 on purpose: a normalising or clamping parameter would store something else.
-    const std::pair<int, double> edits[] = { { P::tiltIndex, -1.0 }, { P::trimIndex, -3.5 }, { P::lowIndex, 2.25 },
-                                             { P::highIndex, -2.0 }, { P::lowFreqIndex, 150.0 }, { P::highFreqIndex, 12000.0 } };
+    const std::pair<int, double> edits[] = { { P::tiltIndex, -1.0 }, { P::trimIndex, -3.5 }, { P::lowIndex, 2.25 }, { P::highIndex, -2.0 }, { P::lowFreqIndex, 150.0 }, { P::highFreqIndex, 12000.0 } };
     parameter (P::lowFreqIndex).setValue (200.0f);   // so that 150 Hz is a change
 
     for (auto [i, value] : edits)
@@ -107,14 +106,25 @@ TEST_F (EditorTest, TypedTextSetsItsNumberAndTextWithoutANumberKeepsTheValue)
     };
 
     // In order: each line starts from where the previous ones left the knob.
-    const struct { int control; const char* text; float value; const char* shown; } typed[] =
+    const struct
     {
-        { P::lowFreqIndex, "abc", 150.0f, "150.0 Hz" },   { P::lowFreqIndex, "", 150.0f, "150.0 Hz" },
-        { P::lowFreqIndex, "- Hz", 150.0f, "150.0 Hz" },  { P::lowFreqIndex, "0.12k", 120.0f, "120.0 Hz" },
-        { P::lowFreqIndex, "kHz", 120.0f, "120.0 Hz" },   { P::highFreqIndex, "9 kHz", 9000.0f, "9000.0 Hz" },
-        { P::highFreqIndex, "4500.5", 4500.5f, "4500.5 Hz" }, { P::lowIndex, "+2.5 dB", 2.5f, "2.50 dB" },
-        { P::lowIndex, "dB", 2.5f, "2.50 dB" },          { P::tiltIndex, "-0.5", -0.5f, "-0.50" },
-        { P::tiltIndex, "flat", -0.5f, "-0.50" },         { P::trimIndex, "x1", 0.0f, "0.00 dB" },
+        int control;
+        const char* text;
+        float value;
+        const char* shown;
+    } typed[] = {
+        { P::lowFreqIndex, "abc", 150.0f, "150.0 Hz" },
+        { P::lowFreqIndex, "", 150.0f, "150.0 Hz" },
+        { P::lowFreqIndex, "- Hz", 150.0f, "150.0 Hz" },
+        { P::lowFreqIndex, "0.12k", 120.0f, "120.0 Hz" },
+        { P::lowFreqIndex, "kHz", 120.0f, "120.0 Hz" },
+        { P::highFreqIndex, "9 kHz", 9000.0f, "9000.0 Hz" },
+        { P::highFreqIndex, "4500.5", 4500.5f, "4500.5 Hz" },
+        { P::lowIndex, "+2.5 dB", 2.5f, "2.50 dB" },
+        { P::lowIndex, "dB", 2.5f, "2.50 dB" },
+        { P::tiltIndex, "-0.5", -0.5f, "-0.50" },
+        { P::tiltIndex, "flat", -0.5f, "-0.50" },
+        { P::trimIndex, "x1", 0.0f, "0.00 dB" },
     };
 
     for (const auto& t : typed)
@@ -129,13 +139,27 @@ TEST_F (EditorTest, TypedTextSetsItsNumberAndTextWithoutANumberKeepsTheValue)
 
 TEST_F (EditorTest, KnobTextsUseFixedDecimals)
 {
-    const struct { int control; double value; const char* text; } examples[] =
+    const struct
     {
-        { P::tiltIndex, 0.25, "0.25" },          { P::tiltIndex, -1.0, "-1.00" },          { P::tiltIndex, 0.125, "0.13" },
-        { P::tiltIndex, -0.375, "-0.38" },       { P::tiltIndex, 0.005, "0.01" },          { P::trimIndex, 0.0, "0.00 dB" },
-        { P::trimIndex, -0.001, "-0.00 dB" },    { P::lowIndex, 6.0, "6.00 dB" },          { P::highIndex, -2.994, "-2.99 dB" },
-        { P::lowFreqIndex, 150.0, "150.0 Hz" },  { P::lowFreqIndex, 19.96, "20.0 Hz" },    { P::highFreqIndex, 15000.0, "15000.0 Hz" },
-        { P::lowFreqIndex, -0.0, "0.0 Hz" },     { P::lowFreqIndex, 2.25, "2.3 Hz" },      { P::highFreqIndex, 1.0e19, "10000000000000000000.0 Hz" },
+        int control;
+        double value;
+        const char* text;
+    } examples[] = {
+        { P::tiltIndex, 0.25, "0.25" },
+        { P::tiltIndex, -1.0, "-1.00" },
+        { P::tiltIndex, 0.125, "0.13" },
+        { P::tiltIndex, -0.375, "-0.38" },
+        { P::tiltIndex, 0.005, "0.01" },
+        { P::trimIndex, 0.0, "0.00 dB" },
+        { P::trimIndex, -0.001, "-0.00 dB" },
+        { P::lowIndex, 6.0, "6.00 dB" },
+        { P::highIndex, -2.994, "-2.99 dB" },
+        { P::lowFreqIndex, 150.0, "150.0 Hz" },
+        { P::lowFreqIndex, 19.96, "20.0 Hz" },
+        { P::highFreqIndex, 15000.0, "15000.0 Hz" },
+        { P::lowFreqIndex, -0.0, "0.0 Hz" },
+        { P::lowFreqIndex, 2.25, "2.3 Hz" },
+        { P::highFreqIndex, 1.0e19, "10000000000000000000.0 Hz" },
     };
 
     for (const auto& example : examples)

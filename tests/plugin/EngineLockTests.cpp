@@ -17,38 +17,52 @@ using namespace std::chrono_literals;
 
 namespace
 {
-    constexpr int blockSize = 512;
-    constexpr auto generousWait = 3s;   // never reached unless something is stuck
+constexpr int blockSize = 512;
+constexpr auto generousWait = 3s;   // never reached unless something is stuck
 
-    platform::NamedSemaphore& engineLock()   { return platform::NamedSemaphore::open (Processor::engineLockName); }
-    platform::NamedSemaphore& kernelDesignLock()  { return platform::NamedSemaphore::open (Processor::kernelDesignLockName); }
+platform::NamedSemaphore& engineLock()
+{
+    return platform::NamedSemaphore::open (Processor::engineLockName);
+}
+platform::NamedSemaphore& kernelDesignLock()
+{
+    return platform::NamedSemaphore::open (Processor::kernelDesignLockName);
+}
 
-    bool finishes (std::future<void>& task, std::chrono::milliseconds within)  { return task.wait_for (within) == std::future_status::ready; }
+bool finishes (std::future<void>& task, std::chrono::milliseconds within)
+{
+    return task.wait_for (within) == std::future_status::ready;
+}
 
-    // Frees both locks until the task ends, so that a failing test ends instead of hanging.
-    void rescue (std::future<void>& task)
+// Frees both locks until the task ends, so that a failing test ends instead of hanging.
+void rescue (std::future<void>& task)
+{
+    while (! finishes (task, 10ms))
     {
-        while (! finishes (task, 10ms))
-        {
-            engineLock().release();
-            kernelDesignLock().release();
-        }
+        engineLock().release();
+        kernelDesignLock().release();
     }
+}
 
-    // Takes and frees the lock; false when it stayed taken for the whole time.
-    bool isFreedWithin (platform::NamedSemaphore& lock, int milliseconds)
-    {
-        const auto taken = lock.waitFor (milliseconds);
-        if (taken)
-            lock.release();
-        return taken;
-    }
+// Takes and frees the lock; false when it stayed taken for the whole time.
+bool isFreedWithin (platform::NamedSemaphore& lock, int milliseconds)
+{
+    const auto taken = lock.waitFor (milliseconds);
+    if (taken)
+        lock.release();
+    return taken;
+}
 }
 
 // Held in this process (another process: the wavelab host tests; a killed holder: the platform tests).
 TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
 {
-    enum Holder { here, hereFreedByANewInstance, kernelDesignHereFreedByANewInstance };
+    enum Holder
+    {
+        here,
+        hereFreedByANewInstance,
+        kernelDesignHereFreedByANewInstance
+    };
     auto processor = makeConvolvingProcessor (blockSize);
     auto buffer = makeNoise (2, blockSize, 1);
     const std::string ranEarly = "ran while the lock was held", stalled = "stalled, then resumed";
@@ -64,30 +78,30 @@ TEST (EngineLocks, AHeldLockStallsTheKernelComputationButNeverABlock)
         {
             ASSERT_TRUE (lock.waitFor (2000));
 
-            auto block = std::async (std::launch::async, [&] { juce::MidiBuffer midi; processor->processBlock (buffer, midi); });
+            auto block = std::async (std::launch::async, [&]
+                                     { juce::MidiBuffer midi; processor->processBlock (buffer, midi); });
             EXPECT_TRUE (finishes (block, generousWait)) << "a block waited for the lock";   // it has kernels
 
             auto computation = std::async (std::launch::async, [&]
-            {
+                                           {
                 processor->requestKernelDesign();
-                processor->runPendingKernelDesign();
-            });
+                processor->runPendingKernelDesign(); });
             const auto ranWhileHeld = finishes (computation, 100ms);
 
             // A new instance frees the lock by its unpaired release at construction.
             auto freeing = std::async (std::launch::async, [&]
-            {
+                                       {
                 if (holder == here)
                     lock.release();
                 else
-                    Processor newInstance;
-            });
+                    Processor newInstance; });
 
             const auto resumed = finishes (computation, generousWait);
             rescue (block);
             rescue (computation);
             rescue (freeing);
-            outcome = ranWhileHeld ? ranEarly : resumed ? stalled : "never resumed";
+            outcome = ranWhileHeld ? ranEarly : resumed ? stalled
+                                                        : "never resumed";
         }
 
         EXPECT_EQ (stalled, outcome);
@@ -107,7 +121,7 @@ TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
     // This instance now and then changes its rate without being prepared again (a dry block
     // and a computation request), varies its block length and once plays a longer block.
     auto changer = std::async (std::launch::async, [&]
-    {
+                               {
         const auto noise = makeNoise (2, 2 * blockSize, 10);
         juce::MidiBuffer midi;
         for (int count = 0; ! stop; count = ++changingBlocks)
@@ -117,8 +131,7 @@ TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
             auto block = blockOf (audio, 0, count == 40 ? 2 * blockSize : blockSize - (count % 5) * 50);
             changing->processBlock (block, midi);
         }
-        changing->setPlayConfigDetails (2, 2, 48000.0, blockSize);
-    });
+        changing->setPlayConfigDetails (2, 2, 48000.0, blockSize); });
 
     // Another plays steadily, paced like an audio thread, while the message thread recomputes
     // both instances' kernels; watchdog: a lock taken for 2 s or the stream not done in 10 s.
@@ -131,7 +144,7 @@ TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
         auto steady = makeConvolvingProcessor (blockSize);
         auto played = input;
         auto player = std::async (std::launch::async, [&]
-        {
+                                  {
             juce::MidiBuffer midi;
             while (changingBlocks <= 40 && ! stop)
                 std::this_thread::yield();
@@ -140,8 +153,7 @@ TEST (EngineLocks, DesignsNeverDisturbPlayingInstances)
                 auto block = blockOf (played, start, blockSize);
                 steady->processBlock (block, midi);
                 std::this_thread::sleep_for (1ms);
-            }
-        });
+            } });
 
         for (const auto end = std::chrono::steady_clock::now() + 10s; ! finishes (player, 0ms);)
         {

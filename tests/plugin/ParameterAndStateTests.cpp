@@ -12,26 +12,26 @@
 
 namespace
 {
-    std::unique_ptr<QuendaAudioProcessor> makeFor (juce::AudioProcessor::WrapperType wrapper)
-    {
-        juce::AudioProcessor::setTypeOfNextNewPlugin (wrapper);
-        auto processor = std::make_unique<QuendaAudioProcessor>();
-        juce::AudioProcessor::setTypeOfNextNewPlugin (juce::AudioProcessor::wrapperType_Undefined);
-        return processor;
-    }
+std::unique_ptr<QuendaAudioProcessor> makeFor (juce::AudioProcessor::WrapperType wrapper)
+{
+    juce::AudioProcessor::setTypeOfNextNewPlugin (wrapper);
+    auto processor = std::make_unique<QuendaAudioProcessor>();
+    juce::AudioProcessor::setTypeOfNextNewPlugin (juce::AudioProcessor::wrapperType_Undefined);
+    return processor;
+}
 
-    juce::MemoryBlock blockWithText (const std::string& text, juce::uint32 magic = 0x21324356,
-                                     std::optional<juce::int32> declaredLength = {})
-    {
-        juce::MemoryBlock block;
-        juce::MemoryOutputStream out (block, false);
-        out.writeInt ((int) magic);
-        out.writeInt (declaredLength.value_or ((juce::int32) text.size()));
-        out.write (text.data(), text.size());
-        out.writeByte (0);
-        out.flush();
-        return block;
-    }
+juce::MemoryBlock blockWithText (const std::string& text, juce::uint32 magic = 0x21324356,
+                                 std::optional<juce::int32> declaredLength = {})
+{
+    juce::MemoryBlock block;
+    juce::MemoryOutputStream out (block, false);
+    out.writeInt ((int) magic);
+    out.writeInt (declaredLength.value_or ((juce::int32) text.size()));
+    out.write (text.data(), text.size());
+    out.writeByte (0);
+    out.flush();
+    return block;
+}
 }
 
 TEST (Parameters, FollowTheTable)
@@ -67,14 +67,27 @@ TEST (Parameters, FollowTheTable)
 TEST (Parameters, EachWrapperGetsItsOwnHostView)
 {
     using P = juce::AudioProcessor;
-    const struct { P::WrapperType wrapper; float lowFreqDefault; bool named; bool hostBypass; } cases[] = {
+    const struct
+    {
+        P::WrapperType wrapper;
+        float lowFreqDefault;
+        bool named;
+        bool hostBypass;
+    } cases[] = {
         { P::wrapperType_VST, 150.0f, false, false },
         { P::wrapperType_VST3, std::sqrt ((150.0f - 20.0f) / 280.0f), true, true },
         { P::wrapperType_LV2, std::sqrt ((150.0f - 20.0f) / 280.0f), true, false },
     };
-    const struct { int index; const char* typed; const char* shown; } texts[] = {
-        { ParameterTable::highFreqIndex, "6k", "6000.0 Hz" }, { ParameterTable::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
-        { ParameterTable::trimIndex, "-0.004 dB", "-0.00 dB" }, { ParameterTable::tiltIndex, "0.006", "0.01 dB/oct" },
+    const struct
+    {
+        int index;
+        const char* typed;
+        const char* shown;
+    } texts[] = {
+        { ParameterTable::highFreqIndex, "6k", "6000.0 Hz" },
+        { ParameterTable::highFreqIndex, "3.5 kHz", "3500.0 Hz" },
+        { ParameterTable::trimIndex, "-0.004 dB", "-0.00 dB" },
+        { ParameterTable::tiltIndex, "0.006", "0.01 dB/oct" },
     };
 
     for (const auto& c : cases)
@@ -84,7 +97,8 @@ TEST (Parameters, EachWrapperGetsItsOwnHostView)
         EXPECT_NEAR (c.lowFreqDefault, lowFreq->getValue(), 1e-6f) << c.wrapper;
         EXPECT_EQ (c.named, processor->getProgramName (0).isNotEmpty()) << c.wrapper;
         EXPECT_EQ (c.hostBypass ? processor->getParameters()[ParameterTable::bypassIndex] : nullptr,
-                   processor->getBypassParameter()) << c.wrapper;
+                   processor->getBypassParameter())
+            << c.wrapper;
 
         // The host's 0..1 covers the editor range; the audio code and the state stay plain.
         lowFreq->setValueNotifyingHost (lowFreq->getValueForText ("300 Hz"));
@@ -119,17 +133,23 @@ TEST (StateBlock, ReadingFollowsTheRules)
     // no expected values must leave the whole state as it was.
     auto eightBytes = blockWithText ("<Params tilt=\"1\"/>");
     eightBytes.setSize (8);
-    const struct { const char* rule; juce::MemoryBlock block; std::vector<std::pair<int, float>> expected; } steps[] = {
+    const struct
+    {
+        const char* rule;
+        juce::MemoryBlock block;
+        std::vector<std::pair<int, float>> expected;
+    } steps[] = {
         { "only tilt present: the rest stays", blockWithText ("<Params tilt=\"-0.5\"/>"), { { P::tiltIndex, -0.5f }, { P::lowFreqIndex, 99.0f } } },
         { "tag case does not matter; malformed numbers read as 0; switches use the boolean rule",
           blockWithText ("<params trim=\"abc\" low=\"2.5dB\" bypass=\" yes\" lin_phase=\"true\"/>"),
           { { P::trimIndex, 0.0f }, { P::lowIndex, 2.5f }, { P::bypassIndex, 1.0f }, { P::linPhaseIndex, 1.0f } } },
-        { "non-finite numbers are ignored", blockWithText ("<Params bypass=\"false\" lin_phase=\"\" low=\"inf\" low_freq=\"nan\"/>"),
-          { { P::lowIndex, 2.5f }, { P::lowFreqIndex, 99.0f }, { P::bypassIndex, 0.0f }, { P::linPhaseIndex, 0.0f } } },
+        { "non-finite numbers are ignored", blockWithText ("<Params bypass=\"false\" lin_phase=\"\" low=\"inf\" low_freq=\"nan\"/>"), { { P::lowIndex, 2.5f }, { P::lowFreqIndex, 99.0f }, { P::bypassIndex, 0.0f }, { P::linPhaseIndex, 0.0f } } },
         { "exponents too long for JUCE's number reader: infinite (ignored) or zero",
-          blockWithText ("<Params low=\"1e4294967297\" trim=\"5e-4294967297\"/>"), { { P::lowIndex, 2.5f }, { P::trimIndex, 0.0f } } },
+          blockWithText ("<Params low=\"1e4294967297\" trim=\"5e-4294967297\"/>"),
+          { { P::lowIndex, 2.5f }, { P::trimIndex, 0.0f } } },
         { "content inside the element is neither read nor hides the values",
-          blockWithText ("<Params tilt=\"0.25\"><?pi?>text</Params>"), { { P::tiltIndex, 0.25f } } },
+          blockWithText ("<Params tilt=\"0.25\"><?pi?>text</Params>"),
+          { { P::tiltIndex, 0.25f } } },
         { "a length beyond the block is cut to the block", blockWithText ("<Params high=\"1.5\"/>", 0x21324356, 100000), { { P::highIndex, 1.5f } } },
         { "exactly 8 bytes", eightBytes, {} },
         { "wrong magic", blockWithText ("<Params tilt=\"1\"/>", 0x12345678), {} },

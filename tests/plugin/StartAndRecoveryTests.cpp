@@ -14,28 +14,29 @@ using namespace support;
 
 namespace
 {
-    bool allFinite (const juce::AudioBuffer<float>& buffer)
-    {
-        for (int c = 0; c < buffer.getNumChannels(); ++c)
-            if (! std::all_of (buffer.getReadPointer (c), buffer.getReadPointer (c) + buffer.getNumSamples(), [] (float x) { return std::isfinite (x); }))
-                return false;
-        return true;
-    }
+bool allFinite (const juce::AudioBuffer<float>& buffer)
+{
+    for (int c = 0; c < buffer.getNumChannels(); ++c)
+        if (! std::all_of (buffer.getReadPointer (c), buffer.getReadPointer (c) + buffer.getNumSamples(), [] (float x)
+                           { return std::isfinite (x); }))
+            return false;
+    return true;
+}
 
-    /** Level in dB of a sine run through the processor, measured over its last block. */
-    double sineGainDb (Processor& processor, int numChannels, double frequency, int blocks)
+/** Level in dB of a sine run through the processor, measured over its last block. */
+double sineGainDb (Processor& processor, int numChannels, double frequency, int blocks)
+{
+    juce::MidiBuffer midi;
+    for (int b = 0;; ++b)
     {
-        juce::MidiBuffer midi;
-        for (int b = 0;; ++b)
-        {
-            auto buffer = makeSine (numChannels, 512, frequency / 48000.0, 512.0 * b);
-            const auto input = buffer.getRMSLevel (0, 0, 512);
-            processor.processBlock (buffer, midi);
-            processor.runPendingKernelDesign();
-            if (b == blocks - 1)
-                return 20.0 * std::log10 (buffer.getRMSLevel (0, 0, 512) / input);
-        }
+        auto buffer = makeSine (numChannels, 512, frequency / 48000.0, 512.0 * b);
+        const auto input = buffer.getRMSLevel (0, 0, 512);
+        processor.processBlock (buffer, midi);
+        processor.runPendingKernelDesign();
+        if (b == blocks - 1)
+            return 20.0 * std::log10 (buffer.getRMSLevel (0, 0, 512) / input);
     }
+}
 }
 
 // (That the first block is processed, with the latency known before it, is checked through
@@ -90,7 +91,11 @@ TEST (Start, AStateRestoredBeforeTheFirstBlockTakesEffectAtOnce)
 // beyond them: the output stays finite and bounded, blocks of varying size and glides included.
 TEST (Recovery, AnyRateAndFiniteSettingGivesFiniteOutput)
 {
-    struct Extreme { const char* what; float values[8]; };
+    struct Extreme
+    {
+        const char* what;
+        float values[8];
+    };
     const Extreme settings[] = {
         { "defaults", { 0, 0, 0, 0, 0, 0, 150, 4500 } },
         { "editor maxima", { 1, 0, 1, 6, 6, 3, 300, 15000 } },

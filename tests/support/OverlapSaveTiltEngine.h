@@ -56,7 +56,6 @@ public:
         }
     }
 
-
     /** Appends n new samples to the convolution history. */
     void writeInput (const float* input, int n)
     {
@@ -106,8 +105,8 @@ public:
             std::copy (output->begin() + n, output->begin() + n + ready, output->begin());
     }
 
-    const float* positiveOutput() const noexcept  { return positive.data(); }
-    const float* negativeOutput() const noexcept  { return negative.data(); }
+    const float* positiveOutput() const noexcept { return positive.data(); }
+    const float* negativeOutput() const noexcept { return negative.data(); }
 
 private:
     audiofft::FFTW3FFT mainFft, designFft, minimumPhaseFft;

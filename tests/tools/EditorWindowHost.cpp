@@ -13,40 +13,40 @@
 
 namespace
 {
-    VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr, void*, float)
-    {
-        return opcode == audioMasterVersion ? 2400 : 0;
-    }
+VstIntPtr VSTCALLBACK hostCallback (AEffect*, int opcode, int, VstIntPtr, void*, float)
+{
+    return opcode == audioMasterVersion ? 2400 : 0;
+}
 
-    LRESULT CALLBACK frameProcedure (HWND window, UINT message, WPARAM wParam, LPARAM lParam)
+LRESULT CALLBACK frameProcedure (HWND window, UINT message, WPARAM wParam, LPARAM lParam)
+{
+    if (message == WM_CLOSE)
     {
-        if (message == WM_CLOSE)
-        {
-            PostQuitMessage (0);
-            return 0;
-        }
-        return DefWindowProcW (window, message, wParam, lParam);
+        PostQuitMessage (0);
+        return 0;
     }
+    return DefWindowProcW (window, message, wParam, lParam);
+}
 
-    // Runs the window's messages and the editor's idle call for the given time; false once
-    // the window has been closed.
-    bool runFor (AEffect* effect, std::chrono::milliseconds duration)
+// Runs the window's messages and the editor's idle call for the given time; false once
+// the window has been closed.
+bool runFor (AEffect* effect, std::chrono::milliseconds duration)
+{
+    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;)
     {
-        for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;)
+        MSG message;
+        while (PeekMessageW (&message, nullptr, 0, 0, PM_REMOVE))
         {
-            MSG message;
-            while (PeekMessageW (&message, nullptr, 0, 0, PM_REMOVE))
-            {
-                if (message.message == WM_QUIT)
-                    return false;
-                TranslateMessage (&message);
-                DispatchMessageW (&message);
-            }
-            effect->dispatcher (effect, effEditIdle, 0, 0, nullptr, 0.0f);
-            Sleep (15);
+            if (message.message == WM_QUIT)
+                return false;
+            TranslateMessage (&message);
+            DispatchMessageW (&message);
         }
-        return true;
+        effect->dispatcher (effect, effEditIdle, 0, 0, nullptr, 0.0f);
+        Sleep (15);
     }
+    return true;
+}
 }
 
 int main (int argc, char** argv)

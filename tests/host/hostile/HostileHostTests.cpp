@@ -18,125 +18,128 @@
 
 namespace
 {
-    std::atomic<int> ioChangedCalls { 0 };
+std::atomic<int> ioChangedCalls { 0 };
 
-    VstIntPtr VSTCALLBACK recordingHost (AEffect*, int opcode, int, VstIntPtr, void*, float)
+VstIntPtr VSTCALLBACK recordingHost (AEffect*, int opcode, int, VstIntPtr, void*, float)
+{
+    if (opcode == audioMasterIOChanged)
+        ++ioChangedCalls;
+
+    return opcode == audioMasterVersion ? 2400 : 0;
+}
+
+AEffect* entryWithRecordingHost (audioMasterCallback)
+{
+    return vst2host::builtPluginEntry() (recordingHost);
+}
+
+constexpr float notANumber = std::numeric_limits<float>::quiet_NaN();
+constexpr float infinity = std::numeric_limits<float>::infinity();
+
+/** One plug-in and the raw calls a host makes, with the audio calls counted. */
+struct Host
+{
+    Host()
+        : plugin (entryWithRecordingHost) {}
+
+    VstIntPtr dispatch (int opcode, int index = 0, VstIntPtr value = 0, void* ptr = nullptr, float opt = 0.0f)
     {
-        if (opcode == audioMasterIOChanged)
-            ++ioChangedCalls;
-
-        return opcode == audioMasterVersion ? 2400 : 0;
+        return plugin.dispatch (opcode, index, value, ptr, opt);
     }
 
-    AEffect* entryWithRecordingHost (audioMasterCallback)
+    void resume() { dispatch (effMainsChanged, 0, 1); }
+    void suspend() { dispatch (effMainsChanged, 0, 0); }
+
+    /** One processReplacing with the given pointers; counts its allocations and locks. */
+    void processRaw (float** inputs, float** outputs, int n)
     {
-        return vst2host::builtPluginEntry() (recordingHost);
+        counters::begin();
+        plugin.effect->processReplacing (plugin.effect, inputs, outputs, n);
+        const auto counts = counters::end();
+        allocations += counts.allocations;
+        locks += counts.locks;
     }
 
-    constexpr float notANumber = std::numeric_limits<float>::quiet_NaN();
-    constexpr float infinity = std::numeric_limits<float>::infinity();
-
-    /** One plug-in and the raw calls a host makes, with the audio calls counted. */
-    struct Host
+    /** n frames of the given input, separate output buffers; returns the outputs. */
+    std::vector<std::vector<float>> process (std::vector<std::vector<float>> input)
     {
-        Host() : plugin (entryWithRecordingHost) {}
-
-        VstIntPtr dispatch (int opcode, int index = 0, VstIntPtr value = 0, void* ptr = nullptr, float opt = 0.0f)
-        {
-            return plugin.dispatch (opcode, index, value, ptr, opt);
-        }
-
-        void resume()   { dispatch (effMainsChanged, 0, 1); }
-        void suspend()  { dispatch (effMainsChanged, 0, 0); }
-
-        /** One processReplacing with the given pointers; counts its allocations and locks. */
-        void processRaw (float** inputs, float** outputs, int n)
-        {
-            counters::begin();
-            plugin.effect->processReplacing (plugin.effect, inputs, outputs, n);
-            const auto counts = counters::end();
-            allocations += counts.allocations;
-            locks += counts.locks;
-        }
-
-        /** n frames of the given input, separate output buffers; returns the outputs. */
-        std::vector<std::vector<float>> process (std::vector<std::vector<float>> input)
-        {
-            const auto n = (int) input[0].size();
-            std::vector<std::vector<float>> output (2, std::vector<float> ((size_t) n, 123.0f));
-            float* inputs[] = { input[0].data(), input[1].data() };
-            float* outputs[] = { output[0].data(), output[1].data() };
-            processRaw (inputs, outputs, n);
-            return output;
-        }
-
-        std::vector<std::vector<float>> processNoise (int n, unsigned seed = 1, float level = 0.5f)
-        {
-            return process ({ support::noise ((size_t) n, seed, level), support::noise ((size_t) n, seed + 1, level) });
-        }
-
-        void expectRealtimeSafe (const char* what)
-        {
-            if (! counters::available())
-                return;
-
-            EXPECT_EQ (0, allocations) << what << ": allocations on the audio thread";
-            EXPECT_EQ (0, locks) << what << ": locks on the audio thread";
-        }
-
-        vst2host::Instance plugin;
-        long allocations = 0, locks = 0;
-    };
-
-    std::vector<float> scaled (std::vector<float> samples, float gain)
-    {
-        for (auto& x : samples)
-            x *= gain;
-        return samples;
+        const auto n = (int) input[0].size();
+        std::vector<std::vector<float>> output (2, std::vector<float> ((size_t) n, 123.0f));
+        float* inputs[] = { input[0].data(), input[1].data() };
+        float* outputs[] = { output[0].data(), output[1].data() };
+        processRaw (inputs, outputs, n);
+        return output;
     }
 
-    std::vector<std::vector<float>> constant (int n, float value)
+    std::vector<std::vector<float>> processNoise (int n, unsigned seed = 1, float level = 0.5f)
     {
-        return { std::vector<float> ((size_t) n, value), std::vector<float> ((size_t) n, value) };
+        return process ({ support::noise ((size_t) n, seed, level), support::noise ((size_t) n, seed + 1, level) });
     }
 
-    bool allFinite (const std::vector<float>& samples)
+    void expectRealtimeSafe (const char* what)
     {
-        return std::all_of (samples.begin(), samples.end(), [] (float x) { return std::isfinite (x); });
+        if (! counters::available())
+            return;
+
+        EXPECT_EQ (0, allocations) << what << ": allocations on the audio thread";
+        EXPECT_EQ (0, locks) << what << ": locks on the audio thread";
     }
 
-    bool allZero (const std::vector<float>& samples)
-    {
-        return std::all_of (samples.begin(), samples.end(), [] (float x) { return x == 0.0f; });
-    }
+    vst2host::Instance plugin;
+    long allocations = 0, locks = 0;
+};
 
-    float largestDifference (const std::vector<float>& a, const std::vector<float>& b)
-    {
-        float largest = 0.0f;
+std::vector<float> scaled (std::vector<float> samples, float gain)
+{
+    for (auto& x : samples)
+        x *= gain;
+    return samples;
+}
 
-        for (size_t i = 0; i < a.size(); ++i)
-            largest = std::max (largest, std::abs (a[i] - b[i]));
+std::vector<std::vector<float>> constant (int n, float value)
+{
+    return { std::vector<float> ((size_t) n, value), std::vector<float> ((size_t) n, value) };
+}
 
-        return largest;
-    }
+bool allFinite (const std::vector<float>& samples)
+{
+    return std::all_of (samples.begin(), samples.end(), [] (float x)
+                        { return std::isfinite (x); });
+}
 
-    /** A well-behaved host's output: prepared at 48 kHz for blocks of `declared`, processing
+bool allZero (const std::vector<float>& samples)
+{
+    return std::all_of (samples.begin(), samples.end(), [] (float x)
+                        { return x == 0.0f; });
+}
+
+float largestDifference (const std::vector<float>& a, const std::vector<float>& b)
+{
+    float largest = 0.0f;
+
+    for (size_t i = 0; i < a.size(); ++i)
+        largest = std::max (largest, std::abs (a[i] - b[i]));
+
+    return largest;
+}
+
+/** A well-behaved host's output: prepared at 48 kHz for blocks of `declared`, processing
         the noise as one block of its whole length. */
-    std::vector<std::vector<float>> referenceOutput (int n, int declared, float tilt)
-    {
-        Host host;
-        host.plugin.setParameter (0, tilt);
-        host.plugin.start (48000.0f, declared);
-        return host.processNoise (n);
-    }
+std::vector<std::vector<float>> referenceOutput (int n, int declared, float tilt)
+{
+    Host host;
+    host.plugin.setParameter (0, tilt);
+    host.plugin.start (48000.0f, declared);
+    return host.processNoise (n);
+}
 
-    double levelDb (const std::vector<float>& samples, size_t from)
-    {
-        double sum = 0;
-        for (auto i = from; i < samples.size(); ++i)
-            sum += (double) samples[i] * samples[i];
-        return 10.0 * std::log10 (sum / (double) (samples.size() - from));
-    }
+double levelDb (const std::vector<float>& samples, size_t from)
+{
+    double sum = 0;
+    for (auto i = from; i < samples.size(); ++i)
+        sum += (double) samples[i] * samples[i];
+    return 10.0 * std::log10 (sum / (double) (samples.size() - from));
+}
 }
 
 TEST (HostileHost, AudioBeforeResumeOrAfterSuspendIsSilentAndPreparesNothing)
@@ -184,7 +187,9 @@ TEST (HostileHost, PointersAndLengthsTheHostGetsWrongAreProcessedThroughPrepared
         float* missing[] = { shared.data(), nullptr };
         float* inPlace[] = { left.data(), right.data() };
         const std::string which = outputCase;
-        host.processRaw (inputs, which == "aliased" ? aliased : which == "null" ? missing : inPlace, n);
+        host.processRaw (inputs, which == "aliased" ? aliased : which == "null" ? missing
+                                                                                : inPlace,
+                         n);
 
         if (which == "aliased")
             EXPECT_LT (largestDifference (shared, expected[1]), 1e-5f);
@@ -240,11 +245,11 @@ TEST (HostileHost, LinearPhaseToggledEveryBlockReportsItsLatencyWithoutLockingOr
     for (int wait = 0; wait < 200 && ioChangedCalls.load() == callsBefore; ++wait)
     {
         host.dispatch (effEditIdle);
-       #if defined (_WIN32)
+#if defined(_WIN32)
         // There the plug-in's messages arrive through the host's own message loop.
         for (MSG message; PeekMessageA (&message, nullptr, 0, 0, PM_REMOVE);)
             DispatchMessageA (&message);
-       #endif
+#endif
         std::this_thread::sleep_for (std::chrono::milliseconds (10));
     }
 
@@ -329,9 +334,10 @@ TEST (HostileHost, NonFiniteAndHugeInputComesOutFiniteWithOrWithoutHostBypass)
 
         auto input = support::noise (64, 9, 0.5f);
         input[17] = notANumber;
-        const std::vector<std::vector<float>> blocks[] =
-        {
-            host.process ({ input, input }), host.process (constant (64, notANumber)), host.process (constant (64, infinity)),
+        const std::vector<std::vector<float>> blocks[] = {
+            host.process ({ input, input }),
+            host.process (constant (64, notANumber)),
+            host.process (constant (64, infinity)),
             host.process ({ scaled (support::noise (64, 3), 3e38f), scaled (support::noise (64, 4), -3e38f) }),
             host.process ({ scaled (support::noise (64, 5), 1e-39f), scaled (support::noise (64, 6), 1e-39f) }),
         };

@@ -12,35 +12,45 @@
 
 namespace
 {
-    /** Starts tools/LockHolder (built beside this program) and returns once it holds the
+/** Starts tools/LockHolder (built beside this program) and returns once it holds the
         engine lock; close() returns its exit status. */
-    struct LockHolderProcess
+struct LockHolderProcess
+{
+    explicit LockHolderProcess (int holdMs)
     {
-        explicit LockHolderProcess (int holdMs)
-        {
-            auto program = platform::hostExecutablePath();
-            program = program.substr (0, program.find_last_of ("/\\") + 1) + "quenda-lock-holder";
-           #if defined (_WIN32)
-            program += ".exe";   // through cmd.exe, which takes the unquoted path; build folders have no spaces
-           #else
-            program = "exec '" + program + "'";
-           #endif
-            pipe = popen ((program + " " + std::to_string (holdMs)).c_str(), "r");
-            char line[16] {};
-            holding = pipe != nullptr && std::fgets (line, sizeof (line), pipe) != nullptr && std::string (line).rfind ("held", 0) == 0;
-        }
+        auto program = platform::hostExecutablePath();
+        program = program.substr (0, program.find_last_of ("/\\") + 1) + "quenda-lock-holder";
+#if defined(_WIN32)
+        program += ".exe";   // through cmd.exe, which takes the unquoted path; build folders have no spaces
+#else
+        program = "exec '" + program + "'";
+#endif
+        pipe = popen ((program + " " + std::to_string (holdMs)).c_str(), "r");
+        char line[16] {};
+        holding = pipe != nullptr && std::fgets (line, sizeof (line), pipe) != nullptr && std::string (line).rfind ("held", 0) == 0;
+    }
 
-        int close()  { return pclose (pipe); }
+    int close()
+    {
+        return pclose (pipe);
+    }
 
-        FILE* pipe = nullptr;
-        bool holding = false;
-    };
+    FILE* pipe = nullptr;
+    bool holding = false;
+};
 }
 
 TEST (AudioPath, SettingsAndBlockSizesChangingMidStream)
 {
     // Each scenario starts a session and changes its settings before every block.
-    struct Scenario { const char* what; int declared; Settings initial; std::vector<int> sizes; void (*change) (Settings&, int block); };
+    struct Scenario
+    {
+        const char* what;
+        int declared;
+        Settings initial;
+        std::vector<int> sizes;
+        void (*change) (Settings&, int block);
+    };
     const Scenario scenarios[] {
         { "tilt held and gliding through zero, phase mode switching", 256, {}, std::vector<int> (12, 256), [] (Settings& s, int b)
           {
@@ -50,16 +60,19 @@ TEST (AudioPath, SettingsAndBlockSizesChangingMidStream)
           } },
         { "shelves, corners and trim", 512, { 0.4f }, std::vector<int> (8, 512), [] (Settings& s, int b)
           {
-              struct { float low, high, lowFreq, highFreq, trim; } const changes[] {
-                  { 0, 0, 150, 4500, 0 },  { 6, 0, 150, 4500, 0 },      { 6, -3, 150, 4500, -2 },      { 6, -3, 40, 4500, -2 },
-                  { -4.5f, 3, 300, 12000, 5 }, { -4.5f, 3, 300, 12000, 5 }, { 0, 0, 90, 3000, 0 }, { 2, 1.5f, 0.5f, 20000, 1 } };
+              struct
+              {
+                  float low, high, lowFreq, highFreq, trim;
+              } const changes[] {
+                  { 0, 0, 150, 4500, 0 }, { 6, 0, 150, 4500, 0 }, { 6, -3, 150, 4500, -2 }, { 6, -3, 40, 4500, -2 }, { -4.5f, 3, 300, 12000, 5 }, { -4.5f, 3, 300, 12000, 5 }, { 0, 0, 90, 3000, 0 }, { 2, 1.5f, 0.5f, 20000, 1 }
+              };
               const auto& c = changes[b];
               std::tie (s.low, s.high, s.lowFreq, s.highFreq, s.trim) = std::tie (c.low, c.high, c.lowFreq, c.highFreq, c.trim);
           } },
-        { "bypass gliding everything to neutral and back", 512, { -0.8f, 0, 1, 3, 4, -2 }, std::vector<int> (9, 512),
-          [] (Settings& s, int b) { s.bypass = (b >= 3 && b < 6) ? 1.0f : 0.0f; } },
-        { "irregular sizes, single samples", 512, { 0.5f, 0, 0, 0, 3 }, { 512, 100, 1, 37, 512, 1, 1, 300, 511, 64 },
-          [] (Settings& s, int b) { s.tilt = (b % 3 == 0) ? -0.5f : 0.5f; s.linPhase = (b >= 5) ? 1.0f : 0.0f; } },
+        { "bypass gliding everything to neutral and back", 512, { -0.8f, 0, 1, 3, 4, -2 }, std::vector<int> (9, 512), [] (Settings& s, int b)
+          { s.bypass = (b >= 3 && b < 6) ? 1.0f : 0.0f; } },
+        { "irregular sizes, single samples", 512, { 0.5f, 0, 0, 0, 3 }, { 512, 100, 1, 37, 512, 1, 1, 300, 511, 64 }, [] (Settings& s, int b)
+          { s.tilt = (b % 3 == 0) ? -0.5f : 0.5f; s.linPhase = (b >= 5) ? 1.0f : 0.0f; } },
         { "blocks longer than declared", 256, { 0.6f }, { 256, 256, 1000, 1000, 256, 700 }, [] (Settings&, int) {} },
     };
 
