@@ -278,10 +278,9 @@ TEST (Formats, WavFromRecordersStreamsAndLargeFilesAndDoubles)
     constexpr juce::int64 frames = 1100000000;
     auto header = wavFile (juce::AudioBuffer<float> (2, 0), 1, 16, unknown, unknown, true);
     const auto headerSize = (juce::int64) header.getSize();
-    auto* sizes = static_cast<juce::int64*> (juce::addBytesToPointer (header.getData(), 20));
-    sizes[0] = headerSize - 8 + frames * 4;
-    sizes[1] = frames * 4;
-    sizes[2] = frames;
+    // The ds64 sizes sit at byte 20, not on an 8-byte boundary.
+    const juce::int64 sizes[] { headerSize - 8 + frames * 4, frames * 4, frames };
+    header.copyFrom (sizes, 20, sizeof (sizes));
     {
         juce::FileOutputStream large (temp["large.wav"]);
         large.write (header.getData(), header.getSize());

@@ -14,9 +14,11 @@ namespace
 {
 QuendaAudioProcessor& processor()
 {
-    static juce::ScopedJuceInitialiser_GUI juceInitialiser;
-    static QuendaAudioProcessor instance;
-    return instance;
+    // Never destroyed: JUCE's shutdown at exit would run after its own statics are gone.
+    static auto* juceInitialiser = new juce::ScopedJuceInitialiser_GUI();
+    static auto* instance = new QuendaAudioProcessor();
+    juce::ignoreUnused (juceInitialiser);
+    return *instance;
 }
 
 bool sameValue (float a, float b)
