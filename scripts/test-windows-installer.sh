@@ -11,17 +11,11 @@ zip=$(ls "$build_dir"/packages/Quenda-*-windows-x64.zip)
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build_dir/CMakeCache.txt")
 started=$(date +%s)
 
-export WINEPREFIX=$build_dir/wine-installer WINEARCH=win64 WINEDEBUG=-all
-export WINEDLLOVERRIDES="mscoree,mshtml="
+export WINEPREFIX=$build_dir/wine-installer
 rm -rf "$WINEPREFIX"
 work=$(mktemp -d)
-display_file=$work/display
-Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$display_file" >/dev/null 2>&1 &
-xvfb_pid=$!
-cleanup() { wineserver -k 2>/dev/null || true; kill "$xvfb_pid" 2>/dev/null || true; rm -rf "$work"; }
-trap cleanup EXIT
-for _ in $(seq 50); do [ -s "$display_file" ] && break; sleep 0.1; done
-export DISPLAY=:$(cat "$display_file")
+WINE_DISPLAY_CLEANUP="rm -rf $work"
+source scripts/wine-display.sh
 
 failed=0
 check () { if ! "$@"; then echo "test-windows-installer: FAILED: ${failing:-$*}"; failed=1; fi; }

@@ -15,18 +15,8 @@ bash scripts/setup-windows.sh
 bash scripts/build-windows.sh "$build_dir"
 built=$(date +%s)
 
-export WINEPREFIX=$build_dir/wine WINEARCH=win64 WINEDEBUG=-all
-# No Mono or Gecko install prompts in a fresh prefix.
-export WINEDLLOVERRIDES="mscoree,mshtml="
-
-# A display of our own: Wine needs one to create the plug-in's (hidden) message window.
-display_file=$(mktemp)
-Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$display_file" >/dev/null 2>&1 &
-xvfb_pid=$!
-cleanup() { wineserver -k 2>/dev/null || true; kill "$xvfb_pid" 2>/dev/null || true; rm -f "$display_file"; }
-trap cleanup EXIT
-for _ in $(seq 50); do [ -s "$display_file" ] && break; sleep 0.1; done
-export DISPLAY=:$(cat "$display_file")
+export WINEPREFIX=$build_dir/wine
+source scripts/wine-display.sh
 
 if [ ! -e "$WINEPREFIX/system.reg" ]; then
     wine wineboot --init >/dev/null 2>&1
