@@ -56,7 +56,7 @@ void TiltKernelBank::prepare (const convolution::PartitionLayout& newLayout, int
 {
     const std::lock_guard<std::mutex> lock (designMutex);
 
-    published = -1;
+    usable = 0;
     inUse = -1;
 
     for (auto& set : sets)
@@ -74,9 +74,13 @@ void TiltKernelBank::design (double sampleRate)
 {
     const std::lock_guard<std::mutex> lock (designMutex);
 
-    const auto target = published.load() == 0 ? 1 : 0;
+    const auto current = usable.load();
+    auto target = 0;
 
-    // The audio thread may still be in a block that started before the last publication.
+    while (isUsable (current, target))
+        ++target;
+
+    // The audio thread may still be in a block that started before the set was dropped.
     while (inUse.load() == target)
         std::this_thread::yield();
 
@@ -88,30 +92,59 @@ void TiltKernelBank::design (double sampleRate)
     set.fftSize = fftSize;
     set.generation = ++generations;
 
-    published = target;
+    // The one before: the newest unless it was for this rate too.
+    const auto newest = newestOf (current);
+    const auto kept = newest >= 0 && sets[(size_t) newest].sampleRate != sampleRate ? newest : previousOf (current);
+    usable = (target + 1) | ((kept + 1) << 2);
 }
 
-const TiltKernelSet* TiltKernelBank::acquire() noexcept
+bool TiltKernelBank::hasKernelsFor (double sampleRate)
 {
-    auto index = published.load();
+    const std::lock_guard<std::mutex> lock (designMutex);
 
-    // Mark, then check the mark still names the published set: a design that published in
-    // between either sees the mark or is seen here.
-    while (index >= 0)
+    // Designs change no usable set and the roles only change here, under the lock.
+    const auto current = usable.load();
+
+    for (const auto index : { newestOf (current), previousOf (current) })
+        if (index >= 0 && sets[(size_t) index].sampleRate == sampleRate)
+            return true;
+
+    return false;
+}
+
+const TiltKernelSet* TiltKernelBank::acquire (double sampleRate) noexcept
+{
+    // Mark a candidate, then check it is still usable: a design that dropped it in between
+    // either sees the mark and waits, or is seen here.
+    for (auto attempt = 0; attempt < 4; ++attempt)
     {
-        inUse = index;
-        const auto again = published.load();
+        const auto current = usable.load();
+        auto changed = false;
 
-        if (again == index)
-            return &sets[(size_t) index];
+        for (const auto index : { newestOf (current), previousOf (current) })
+        {
+            if (index < 0)
+                continue;
 
-        index = again;
+            inUse = index;
+
+            if (usable.load() != current)
+            {
+                changed = true;
+                break;
+            }
+
+            if (sampleRate <= 0.0 || sets[(size_t) index].sampleRate == sampleRate)
+                return &sets[(size_t) index];
+        }
+
+        if (! changed)
+            break;
     }
 
     inUse = -1;
     return nullptr;
 }
-
 void TiltKernelBank::release() noexcept
 {
     inUse = -1;

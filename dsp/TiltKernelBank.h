@@ -32,27 +32,40 @@ struct TiltKernelSet
 };
 
 /**
-    Designs kernel sets off the audio thread and hands them to it without a lock: two sets,
-    the audio thread marks the one it reads for the length of a block, and a design always
-    goes into the other one. A new set therefore takes effect at a block boundary.
+    Designs kernel sets off the audio thread and hands them to it without a lock. The two
+    newest sets stay usable, so that a set designed ahead for a rate the host is about to
+    run at leaves the one in use alone; the audio thread takes the newest set of the rate it
+    runs at and marks it for the length of a block, and a design always goes into a third
+    set that is neither. A new set therefore takes effect at a block boundary.
 */
 class TiltKernelBank
 {
 public:
-    /** Sizes both sets for a layout and designs for an FFT size (tilt::designFftSize).
-        Must not run while the audio thread processes. Drops the published set. */
+    /** Sizes the sets for a layout and designs for an FFT size (tilt::designFftSize).
+        Must not run while the audio thread processes. Drops the designed sets. */
     void prepare (const convolution::PartitionLayout& layout, int fftSize);
 
-    /** Designs the kernels for a sample rate into the set not in use and publishes it.
+    /** Designs the kernels for a sample rate into a free set and makes it the newest.
         Never on the audio thread; waits at most for one block that still reads that set. */
     void design (double sampleRate);
 
-    /** Audio thread: the newest set (nullptr before the first design), valid until
-        release(). Never waits. */
-    const TiltKernelSet* acquire() noexcept;
+    /** Whether one of the usable sets is for this rate. Never on the audio thread. */
+    bool hasKernelsFor (double sampleRate);
+
+    /** Audio thread: the newest set for this rate (any rate for 0; nullptr when there is
+        none), valid until release(). Never waits. */
+    const TiltKernelSet* acquire (double sampleRate = 0.0) noexcept;
     void release() noexcept;
 
 private:
+    static constexpr int numSets = 3;
+
+    // The usable sets, newest first, packed into one atomic so that the audio thread sees
+    // both from one moment: index + 1 of the newest, and of the one before it, times 4.
+    static constexpr int newestOf (int usable) noexcept { return (usable & 3) - 1; }
+    static constexpr int previousOf (int usable) noexcept { return (usable >> 2) - 1; }
+    static constexpr bool isUsable (int usable, int index) noexcept { return index >= 0 && (newestOf (usable) == index || previousOf (usable) == index); }
+
     std::mutex designMutex;   // between message-side callers only
     convolution::PartitionLayout layout;
     TiltKernelDesigner designer;
@@ -62,7 +75,7 @@ private:
     int fftSize = 0;
     uint64_t generations = 0;
 
-    std::array<TiltKernelSet, 2> sets;
-    std::atomic<int> published { -1 };
+    std::array<TiltKernelSet, numSets> sets;
+    std::atomic<int> usable { 0 };
     std::atomic<int> inUse { -1 };
 };

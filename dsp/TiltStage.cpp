@@ -107,16 +107,21 @@ bool TiltStage::keepsChannelsAlike (const float* left, const float* right, int n
 
 bool TiltStage::process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings) noexcept
 {
-    const auto* kernels = kernelBank->acquire();
-
     // Another rate's kernels would put the tilt at the wrong frequencies.
-    const auto usable = kernels != nullptr && (settings.kernelSampleRate <= 0.0 || kernels->sampleRate == settings.kernelSampleRate);
+    const auto* kernels = kernelBank->acquire (settings.kernelSampleRate);
 
-    if (usable)
+    if (kernels != nullptr)
         process (channels, numChannelsInBlock, n, settings, *kernels);
 
     kernelBank->release();
-    return usable;
+    return kernels != nullptr;
+}
+
+bool TiltStage::hasKernelsFor (double sampleRate) noexcept
+{
+    const auto found = kernelBank->acquire (sampleRate) != nullptr;
+    kernelBank->release();
+    return found;
 }
 
 void TiltStage::process (float* const* channels, int numChannelsInBlock, int n, const Settings& settings,

@@ -42,6 +42,9 @@ public:
     /** Designs the kernels for a sample rate. Never on the audio thread. */
     void designKernels (double sampleRate) { kernelBank->design (sampleRate); }
 
+    /** Audio thread: whether kernels for this rate are designed. Never waits. */
+    bool hasKernelsFor (double sampleRate) noexcept;
+
     /** The kernel bank, shared so that a design under way can outlive the stage. */
     std::shared_ptr<TiltKernelBank> getKernelBank() const noexcept { return kernelBank; }
 

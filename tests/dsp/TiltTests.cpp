@@ -269,3 +269,37 @@ TEST (TiltKernelBank, InstancesAtOneRateShareOneCopyOfTheKernels)
     EXPECT_EQ (copies[0], copies[1]);
     EXPECT_NE (copies[0], copies[2]);
 }
+
+// A set designed ahead for the host's next rate leaves the one in use: a bank serves its two
+// newest rates, a second design at one rate replacing that rate's set.
+TEST (TiltKernelBank, TheTwoNewestRatesStayUsable)
+{
+    TiltKernelBank bank;
+    bank.prepare (TiltStage::layoutFor (512), tilt::designFftSize);
+
+    const auto served = [&bank] (double rate)
+    {
+        const auto* set = bank.acquire (rate);
+        const auto result = set != nullptr ? set->sampleRate : -1.0;
+        bank.release();
+        EXPECT_TRUE (rate <= 0.0 || (result >= 0.0) == bank.hasKernelsFor (rate)) << rate;
+        return result;
+    };
+
+    EXPECT_EQ (-1.0, served (0.0));
+
+    for (const auto rate : { 48000.0, 44100.0, 44100.0 })
+        bank.design (rate);
+
+    EXPECT_EQ (48000.0, served (48000.0));
+    EXPECT_EQ (44100.0, served (44100.0));
+    EXPECT_EQ (44100.0, served (0.0));   // the newest
+
+    bank.design (96000.0);
+    EXPECT_EQ (-1.0, served (48000.0));
+    EXPECT_EQ (44100.0, served (44100.0));
+    EXPECT_EQ (96000.0, served (0.0));
+
+    bank.prepare (TiltStage::layoutFor (512), tilt::designFftSize);
+    EXPECT_EQ (-1.0, served (96000.0));
+}
