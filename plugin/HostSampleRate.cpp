@@ -20,11 +20,9 @@ void HostSampleRate::handleVstHostCallbackAvailable (std::function<VstHostCallba
 
 double HostSampleRate::current() const
 {
-    if (! host)
-        return 0.0;
-
     // The rate is always valid in the time info, whatever flags are asked for; the host's
     // plain sample-rate call is not used, as some hosts answer it with a fixed value.
-    const auto* info = reinterpret_cast<const TimeInfoStart*> (host (getTimeOpcode, 0, 0, nullptr, 0.0f));
-    return info != nullptr ? info->sampleRate : 0.0;
+    const auto* info = host ? reinterpret_cast<const TimeInfoStart*> (host (getTimeOpcode, 0, 0, nullptr, 0.0f)) : nullptr;
+    const auto fromTimeInfo = info != nullptr ? info->sampleRate : 0.0;
+    return fromTimeInfo > 0.0 ? fromTimeInfo : rateSetWhileResumed.load();
 }

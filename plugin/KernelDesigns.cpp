@@ -71,15 +71,26 @@ void KernelDesigns::designNow (double sampleRate)
 
 void KernelDesigns::designRequestedRate()
 {
+    design (std::nullopt);
+}
+
+void KernelDesigns::designAhead (double sampleRate)
+{
+    if (! bank->hasKernelsFor (sampleRate))
+        design (sampleRate);
+}
+
+void KernelDesigns::design (std::optional<double> sampleRate)
+{
     kernelDesignLock.wait();
     kernelDesignStarted = true;
     kernelDesignLock.release();
 
     // The shared lock serialises designs across instances; the audio thread never takes it,
-    // it picks the new set up at its next block. The rate is read under the lock, so that
-    // of two designs the one published last has the newest rate.
+    // it picks the new set up at its next block. A requested rate is read under the lock, so
+    // that of two designs the one published last has the newest rate.
     engineLock.wait();
-    bank->design (requestedRate);
+    bank->design (sampleRate.value_or (requestedRate.load()));
     engineLock.release();
 }
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 
 /**
     The designs that fill one instance's tilt kernels.
@@ -41,6 +42,11 @@ public:
         host wants it). */
     void designNow (double sampleRate);
 
+    /** Designs for a rate the host will run at next, on the calling thread (never the audio
+        thread), beside the kernels in use; nothing when kernels for it exist. Pending
+        requests stay as they are. */
+    void designAhead (double sampleRate);
+
     /** Message thread: runs a pending request at once. */
     void runPendingRequest();
 
@@ -60,6 +66,7 @@ private:
                    platform::NamedSemaphore& kernelDesignLock, bool designOnRequestingThread);
 
     void designRequestedRate();
+    void design (std::optional<double> sampleRate);   // the requested rate where none is given
 
     const std::shared_ptr<TiltKernelBank> bank;
     platform::NamedSemaphore& engineLock;

@@ -132,6 +132,16 @@ void QuendaAudioProcessor::runPendingKernelDesign()
     designs->runPendingRequest();
 }
 
+void QuendaAudioProcessor::rateSetWhileResumed (double sampleRate)
+{
+    if (! limits::isUsableSampleRate (sampleRate))
+        return;
+
+    // Kernels first: a host without time info has its blocks follow the rate given here.
+    designs->designAhead (sampleRate);
+    HostSampleRate::setRateSetWhileResumed (sampleRate);
+}
+
 //==============================================================================
 namespace
 {
@@ -163,6 +173,8 @@ void QuendaAudioProcessor::prepareToPlay (double sampleRate, int maximumExpected
     if (! (std::isfinite (sampleRate) && sampleRate > 0.0))
         setRateAndBufferSizeDetails (std::isfinite (preparedSampleRate) && preparedSampleRate > 0.0 ? preparedSampleRate : 44100.0,
                                      maximumExpectedSamplesPerBlock);
+
+    HostSampleRate::setRateSetWhileResumed (0.0);
 
     // Everything a block needs is made here, off the audio thread: buffers for the declared
     // block size, kernels for this rate, filters and glides starting from silence, and the
@@ -221,13 +233,15 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     const auto sampleRate = getSampleRate();
 
     // A host that changes the rate without preparing again: the shelves follow at once, the
-    // tilt once kernels for the new rate exist (at once where the host wants designs in the
-    // block, otherwise after the message thread has designed them).
+    // tilt once kernels for the new rate exist (made ahead where the host set the rate, at
+    // once where it wants designs in the block, otherwise by the message thread).
     if (sampleRate != preparedSampleRate)
     {
         shelfStage.followSampleRate (sampleRate);
         preparedSampleRate = sampleRate;
-        requestKernelDesign();
+
+        if (! tiltStage.hasKernelsFor (sampleRate))
+            requestKernelDesign();
     }
 
     auto settings = BlockSettings::from (getParameterValues(), shelfStage.getSampleRate());

@@ -70,6 +70,10 @@ public:
     /** Message thread: runs a requested design now instead of from the queue. */
     void runPendingKernelDesign();
 
+    /** A VST2 host set a new rate while resumed (on its own thread, never the audio thread):
+        the kernels for it are made here, and blocks at that rate use them from the first. */
+    void rateSetWhileResumed (double sampleRate);
+
     /** Names of the locks shared by all instances of the user. Instances of older builds
         in the same session take them too, so the texts never change. */
     static constexpr const char* engineLockName = "Local\\SelvanePQuenda_semaphore";

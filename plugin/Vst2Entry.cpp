@@ -309,6 +309,11 @@ VstIntPtr VSTCALLBACK dispatcher (AEffect* effect, int opcode, int index, VstInt
             // A rate no filter can be designed for is refused; the last valid one stays.
             if (! (std::isfinite (opt) && opt > 0.0f))
                 return 0;
+
+            // JUCE keeps a rate set while resumed for the next resume. The kernels for it are
+            // made here, on the host's thread, so that its first block needs nothing.
+            if (guard->resumed.load())
+                guard->processor->rateSetWhileResumed (opt);
             break;
 
         case effSetBlockSize:

@@ -145,6 +145,11 @@ TEST (HostThreads, EveryHostThreadAtOnce)
         first.runPendingKernelDesign();
         second.runPendingKernelDesign();
 
+        // A VST2 host setting a rate while resumed: kernels designed ahead here, the audio
+        // thread switching to them at once.
+        if (restores % 4 == 1)
+            (settings.nextBool() ? first : second).rateSetWhileResumed (settings.nextBool() ? 88200.0 : 44100.0);
+
         if (restores % 3 == 0)
         {
             (settings.nextBool() ? firstAudio : secondAudio).reconfigure (settings);

@@ -13,7 +13,9 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <initializer_list>
 #include <limits>
+#include <string>
 #include <thread>
 
 namespace
@@ -41,6 +43,10 @@ struct Host
 {
     Host()
         : plugin (entryWithRecordingHost) {}
+
+    /** With the test host's time info, which carries the rate it runs at. */
+    explicit Host (vst2host::PluginMain entry)
+        : plugin (entry) {}
 
     VstIntPtr dispatch (int opcode, int index = 0, VstIntPtr value = 0, void* ptr = nullptr, float opt = 0.0f)
     {
@@ -123,14 +129,33 @@ float largestDifference (const std::vector<float>& a, const std::vector<float>& 
     return largest;
 }
 
-/** A well-behaved host's output: prepared at 48 kHz for blocks of `declared`, processing
+/** A well-behaved host's output: prepared at a rate for blocks of `declared`, processing
         the noise as one block of its whole length. */
-std::vector<std::vector<float>> referenceOutput (int n, int declared, float tilt)
+std::vector<std::vector<float>> referenceOutput (int n, int declared, float tilt, float linearPhase = 0.0f, float rate = 48000.0f)
 {
     Host host;
     host.plugin.setParameter (0, tilt);
-    host.plugin.start (48000.0f, declared);
+    host.plugin.setParameter (2, linearPhase);
+    host.plugin.start (rate, declared);
     return host.processNoise (n);
+}
+
+/** The noise of processNoise (n) in blocks of the given sizes, the outputs joined. */
+std::vector<std::vector<float>> processNoiseInBlocks (Host& host, int n, std::initializer_list<int> sizes)
+{
+    auto input = std::vector<std::vector<float>> { support::noise ((size_t) n, 1, 0.5f), support::noise ((size_t) n, 2, 0.5f) };
+    std::vector<std::vector<float>> output (2, std::vector<float> ((size_t) n));
+    int start = 0;
+
+    for (const auto size : sizes)
+    {
+        float* inputs[] = { input[0].data() + start, input[1].data() + start };
+        float* outputs[] = { output[0].data() + start, output[1].data() + start };
+        host.processRaw (inputs, outputs, size);
+        start += size;
+    }
+
+    return output;
 }
 
 double levelDb (const std::vector<float>& samples, size_t from)
@@ -349,4 +374,44 @@ TEST (HostileHost, NonFiniteAndHugeInputComesOutFiniteWithOrWithoutHostBypass)
         EXPECT_TRUE (allFinite (host.processNoise (64)[0]));
         host.expectRealtimeSafe ("non-finite input");
     }
+}
+
+// Audacity's order: resumed at 44.1 kHz, then 48 kHz and a longer block size set while
+// resumed, then blocks. From the first block the output is an instance's prepared at 48 kHz,
+// tilt included, whether the host's time info tells the rate or not, and no block allocates
+// or locks.
+TEST (HostileHost, ARateSetWhileResumedIsProcessedAtThatRateFromItsFirstBlock)
+{
+    constexpr int n = 8192 + 8192 + 1000;
+
+    for (const auto linearPhase : { 0.0f, 1.0f })
+    {
+        const auto expected = referenceOutput (n, 8192, -0.6f, linearPhase);
+
+        for (const auto withTimeInfo : { true, false })
+        {
+            SCOPED_TRACE (std::string (linearPhase > 0 ? "linear" : "minimum") + " phase, time info " + (withTimeInfo ? "on" : "off"));
+            Host host (withTimeInfo ? vst2host::builtPluginEntry() : entryWithRecordingHost);
+            host.plugin.setParameter (0, -0.6f);
+            host.plugin.setParameter (2, linearPhase);
+            host.plugin.start (44100.0f, 512);
+            host.plugin.setRateWhileRunning (48000.0f, 8192);
+
+            const auto out = processNoiseInBlocks (host, n, { 8192, 8192, 1000 });
+            EXPECT_LT (largestDifference (out[0], expected[0]), 1e-5f);
+            EXPECT_LT (largestDifference (out[1], expected[1]), 1e-5f);
+            host.expectRealtimeSafe ("rate set while resumed");
+        }
+    }
+
+    // A host whose audio runs on at the old rate until its time info says otherwise: the
+    // blocks before keep their tilt at 44.1 kHz.
+    const auto at44 = referenceOutput (n, 512, -0.6f, 0.0f, 44100.0f);
+    Host host (vst2host::builtPluginEntry());
+    host.plugin.setParameter (0, -0.6f);
+    host.plugin.start (44100.0f, 512);
+    host.dispatch (effSetSampleRate, 0, 0, nullptr, 48000.0f);
+    const auto out = processNoiseInBlocks (host, n, { 8192, 8192, 1000 });
+    EXPECT_LT (largestDifference (out[0], at44[0]), 1e-5f);
+    host.expectRealtimeSafe ("rate set ahead of the audio");
 }
