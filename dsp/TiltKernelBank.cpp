@@ -2,7 +2,9 @@
 #include "dsp/TiltKernelBank.h"
 
 #include <algorithm>
+#include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace
@@ -52,9 +54,16 @@ std::shared_ptr<const convolution::PartitionedKernels> sharedPartitions (const c
 }
 }
 
+TiltKernelBank::Designing::Designing (std::atomic<bool>& f)
+    : flag (f)
+{
+    while (flag.exchange (true))
+        std::this_thread::yield();
+}
+
 void TiltKernelBank::prepare (const convolution::PartitionLayout& newLayout, int newFftSize)
 {
-    const std::lock_guard<std::mutex> lock (designMutex);
+    const Designing designingHere (designing);
 
     usable = 0;
     inUse = -1;
@@ -68,11 +77,29 @@ void TiltKernelBank::prepare (const convolution::PartitionLayout& newLayout, int
         designer.prepare (newFftSize);
 
     fftSize = newFftSize;
+
+    // Everything a design in a block writes, made here.
+    mainFft.init ((size_t) fftSize);
+    minimumPhaseFft.init ((size_t) tilt::minimumPhaseFftSize);
+    spectra.resize (fftSize);
+
+    for (auto* kernel : { &taps.linearFalling, &taps.linearRising, &taps.minimumFalling, &taps.minimumRising })
+        kernel->reserve ((size_t) tilt::kernelLength);
+
+    for (size_t index = 0; index < numSets; ++index)
+    {
+        retired[index].reset();
+        inBlockPartitions[index] = std::make_shared<convolution::PartitionedKernels>();
+        inBlockPartitions[index]->prepare (layout);
+    }
 }
 
 void TiltKernelBank::design (double sampleRate)
 {
-    const std::lock_guard<std::mutex> lock (designMutex);
+    const Designing designingHere (designing);
+
+    for (auto& partitions : retired)
+        partitions.reset();
 
     const auto current = usable.load();
     auto target = 0;
@@ -85,9 +112,45 @@ void TiltKernelBank::design (double sampleRate)
         std::this_thread::yield();
 
     designer.design (sampleRate, mainFft, minimumPhaseFft, spectra, &taps);
+    sets[(size_t) target].partitions = sharedPartitions (layout, taps);
+    publish (target, sampleRate, current);
+}
 
+bool TiltKernelBank::designInBlock (double sampleRate) noexcept
+{
+    if (designing.exchange (true))
+        return false;
+
+    const auto current = usable.load();
+    auto target = 0;
+
+    while (isUsable (current, target))
+        ++target;
+
+    // The set's own partitions, which no other set holds. What the set held may be the last
+    // reference to its partitions: they wait in its retired slot, empty since the design on
+    // another thread that wrote them.
     auto& set = sets[(size_t) target];
-    set.partitions = sharedPartitions (layout, taps);
+    auto& own = inBlockPartitions[(size_t) target];
+
+    if (set.partitions != own)
+        retired[(size_t) target] = std::exchange (set.partitions, own);
+
+    designer.design (sampleRate, mainFft, minimumPhaseFft, spectra, &taps);
+
+    own->setKernel (TiltKernelSet::linearFalling, taps.linearFalling.data(), (int) taps.linearFalling.size());
+    own->setKernel (TiltKernelSet::linearRising, taps.linearRising.data(), (int) taps.linearRising.size());
+    own->setKernel (TiltKernelSet::minimumFalling, taps.minimumFalling.data(), (int) taps.minimumFalling.size());
+    own->setKernel (TiltKernelSet::minimumRising, taps.minimumRising.data(), (int) taps.minimumRising.size());
+    publish (target, sampleRate, current);
+
+    designing.store (false);
+    return true;
+}
+
+void TiltKernelBank::publish (int target, double sampleRate, int current) noexcept
+{
+    auto& set = sets[(size_t) target];
     set.sampleRate = sampleRate;
     set.fftSize = fftSize;
     set.generation = ++generations;
@@ -100,9 +163,9 @@ void TiltKernelBank::design (double sampleRate)
 
 bool TiltKernelBank::hasKernelsFor (double sampleRate)
 {
-    const std::lock_guard<std::mutex> lock (designMutex);
+    const Designing designingHere (designing);
 
-    // Designs change no usable set and the roles only change here, under the lock.
+    // Only designers change the sets and their roles, one at a time.
     const auto current = usable.load();
 
     for (const auto index : { newestOf (current), previousOf (current) })

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 /**
     The four tilt kernels, partitioned for one layout, as the audio thread uses them.
@@ -52,6 +51,11 @@ public:
     /** Whether one of the usable sets is for this rate. Never on the audio thread. */
     bool hasKernelsFor (double sampleRate);
 
+    /** Audio thread, at a rate change the host gave no earlier notice of: designs the kernels
+        for this rate in the buffers and plans made at prepare(), without allocating, locking
+        or waiting. False, designing nothing, while another thread designs. */
+    bool designInBlock (double sampleRate) noexcept;
+
     /** Audio thread: the newest set for this rate (any rate for 0; nullptr when there is
         none), valid until release(). Never waits. */
     const TiltKernelSet* acquire (double sampleRate = 0.0) noexcept;
@@ -66,7 +70,17 @@ private:
     static constexpr int previousOf (int usable) noexcept { return (usable >> 2) - 1; }
     static constexpr bool isUsable (int usable, int index) noexcept { return index >= 0 && (newestOf (usable) == index || previousOf (usable) == index); }
 
-    std::mutex designMutex;   // between message-side callers only
+    // Held by one designer at a time. Not a mutex: the audio thread only tries it.
+    struct Designing
+    {
+        explicit Designing (std::atomic<bool>& f);
+        ~Designing() { flag.store (false); }
+        std::atomic<bool>& flag;
+    };
+
+    void publish (int target, double sampleRate, int current) noexcept;
+
+    std::atomic<bool> designing { false };
     convolution::PartitionLayout layout;
     TiltKernelDesigner designer;
     audiofft::FFTW3FFT mainFft, minimumPhaseFft;
@@ -74,6 +88,11 @@ private:
     TiltKernelTaps taps;
     int fftSize = 0;
     uint64_t generations = 0;
+
+    // Per set, partitions for designs in a block (no allocation there), and what such a design
+    // took out of the set, let go by the next design on another thread.
+    std::array<std::shared_ptr<convolution::PartitionedKernels>, numSets> inBlockPartitions;
+    std::array<std::shared_ptr<const convolution::PartitionedKernels>, numSets> retired;
 
     std::array<TiltKernelSet, numSets> sets;
     std::atomic<int> usable { 0 };

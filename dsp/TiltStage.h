@@ -45,6 +45,10 @@ public:
     /** Audio thread: whether kernels for this rate are designed. Never waits. */
     bool hasKernelsFor (double sampleRate) noexcept;
 
+    /** Audio thread: designs the kernels for a rate without allocating, locking or waiting
+        (TiltKernelBank::designInBlock). */
+    bool designKernelsInBlock (double sampleRate) noexcept { return kernelBank->designInBlock (sampleRate); }
+
     /** The kernel bank, shared so that a design under way can outlive the stage. */
     std::shared_ptr<TiltKernelBank> getKernelBank() const noexcept { return kernelBank; }
 

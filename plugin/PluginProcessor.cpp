@@ -232,15 +232,16 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
 
     const auto sampleRate = getSampleRate();
 
-    // A host that changes the rate without preparing again: the shelves follow at once, the
-    // tilt once kernels for the new rate exist (made ahead where the host set the rate, at
-    // once where it wants designs in the block, otherwise by the message thread).
+    // A host that changes the rate without preparing again: the shelves follow at once, and so
+    // does the tilt, with kernels made ahead where the host set the rate, otherwise made here
+    // in what prepare made (about a millisecond, once). Only while another thread is designing
+    // does it wait for the message thread's design.
     if (sampleRate != preparedSampleRate)
     {
         shelfStage.followSampleRate (sampleRate);
         preparedSampleRate = sampleRate;
 
-        if (! tiltStage.hasKernelsFor (sampleRate))
+        if (! tiltStage.hasKernelsFor (sampleRate) && ! tiltStage.designKernelsInBlock (sampleRate))
             requestKernelDesign();
     }
 

@@ -69,6 +69,11 @@ struct AudioThread
                 processor.getParameters()[index]->setValue (randomPlainValue (random, index));
             }
 
+            // A VST2 host's time info may change the rate between blocks: the kernels for it are
+            // designed in the block, while the message thread designs too.
+            if (random.nextInt (64) == 0)
+                processor.setRateAndBufferSizeDetails (random.nextBool() ? 32000.0 : 22050.0, maxBlock);
+
             processor.processBlock (view, midi);
 
             const auto* const* channels = view.getArrayOfReadPointers();

@@ -271,7 +271,8 @@ TEST (TiltKernelBank, InstancesAtOneRateShareOneCopyOfTheKernels)
 }
 
 // A set designed ahead for the host's next rate leaves the one in use: a bank serves its two
-// newest rates, a second design at one rate replacing that rate's set.
+// newest rates, a second design at one rate replacing that rate's set, whether designed on
+// another thread or in a block.
 TEST (TiltKernelBank, TheTwoNewestRatesStayUsable)
 {
     TiltKernelBank bank;
@@ -299,6 +300,15 @@ TEST (TiltKernelBank, TheTwoNewestRatesStayUsable)
     EXPECT_EQ (-1.0, served (48000.0));
     EXPECT_EQ (44100.0, served (44100.0));
     EXPECT_EQ (96000.0, served (0.0));
+
+    for (const auto rate : { 32000.0, 22050.0, 32000.0 })
+        EXPECT_TRUE (bank.designInBlock (rate));
+
+    EXPECT_EQ (-1.0, served (96000.0));
+    EXPECT_EQ (22050.0, served (22050.0));
+    EXPECT_EQ (32000.0, served (0.0));
+    bank.design (44100.0);
+    EXPECT_EQ (32000.0, served (32000.0));
 
     bank.prepare (TiltStage::layoutFor (512), tilt::designFftSize);
     EXPECT_EQ (-1.0, served (96000.0));

@@ -120,6 +120,9 @@ public:
         dispatch (effSetBlockSize, 0, blockSize);
     }
 
+    /** A host that only says its new rate in its time info. */
+    void setTimeInfoRate (float sampleRate) { host.time.sampleRate = sampleRate; }
+
     void stop()
     {
         dispatch (effStopProcess);
