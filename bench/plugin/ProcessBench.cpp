@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <string>
@@ -177,6 +178,55 @@ void computeKernels (benchmark::State& state)
     state.counters["fft_size"] = tilt::designFftSize;
 }
 
+/** What a VST2 host's rate set while resumed costs on its own thread: the kernels designed
+        ahead for a rate the instance has none for (three rates in turn, two kept). */
+void setRateWhileResumed (benchmark::State& state)
+{
+    ReadyProcessor ready (512, true);
+    const double rates[] = { 44100.0, 96000.0, sampleRate };
+    size_t next = 0;
+
+    for (auto _ : state)
+        ready.processor.rateSetWhileResumed (rates[next++ % 3]);
+}
+
+/** The audio thread's share of a rate change: the first block at the new rate (shelves
+        redesigned, the convolution caught up on other kernels) against the block after it.
+        Kernels made ahead (two rates in turn, both kept), or designed in that first block (a
+        host that only says the rate in its time info; three rates in turn, so every change
+        designs). */
+void firstBlockAtANewRate (benchmark::State& state, int blockSize, bool linearPhase, bool designedAhead)
+{
+    ReadyProcessor ready (blockSize, linearPhase);
+    ready.set (ParameterTable::tiltIndex, 0.7f);
+    ready.set (ParameterTable::lowIndex, 3.0f);
+    ready.processBlock();
+
+    const double rates[] = { 44100.0, 96000.0, sampleRate };
+    size_t next = 0;
+    double firstBlocks = 0.0, laterBlocks = 0.0;
+
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        if (designedAhead)
+            ready.processor.rateSetWhileResumed (rates[(next++ % 2) * 2]);
+        else
+            ready.processor.setRateAndBufferSizeDetails (rates[next++ % 3], blockSize);
+        state.ResumeTiming();
+
+        const auto start = std::chrono::steady_clock::now();
+        ready.processBlock();
+        const auto switched = std::chrono::steady_clock::now();
+        ready.processBlock();
+        firstBlocks += std::chrono::duration<double, std::micro> (switched - start).count();
+        laterBlocks += std::chrono::duration<double, std::micro> (std::chrono::steady_clock::now() - switched).count();
+    }
+
+    state.counters["first_block_us"] = firstBlocks / (double) state.iterations();
+    state.counters["next_block_us"] = laterBlocks / (double) state.iterations();
+}
+
 const bool registered = []
 {
     for (auto linearPhase : { false, true })
@@ -204,6 +254,25 @@ const bool registered = []
             benchmark::RegisterBenchmark (name.c_str(), denormalInput, level, linearPhase)
                 ->Unit (benchmark::kMicrosecond)
                 ->MinTime (0.5);
+        }
+    }
+
+    benchmark::RegisterBenchmark ("setRateWhileResumed", setRateWhileResumed)
+        ->Unit (benchmark::kMillisecond)
+        ->MinTime (0.5);
+
+    for (auto designedAhead : { true, false })
+    {
+        for (auto linearPhase : { false, true })
+        {
+            for (auto blockSize : { 64, 512, 2048 })
+            {
+                const auto name = std::string ("firstBlockAtANewRate/kernels:") + (designedAhead ? "ahead" : "in_block")
+                                  + "/linear_phase:" + (linearPhase ? "on" : "off") + "/block:" + std::to_string (blockSize);
+                benchmark::RegisterBenchmark (name.c_str(), firstBlockAtANewRate, blockSize, linearPhase, designedAhead)
+                    ->Unit (benchmark::kMicrosecond)
+                    ->MinTime (0.5);
+            }
         }
     }
 
