@@ -124,7 +124,9 @@ void QuendaAudioProcessor::prepareEngine (int maximumBlockSize)
 
 void QuendaAudioProcessor::requestKernelDesign()
 {
-    designs->request (getSampleRate());
+    // Not getSampleRate(): the audio thread changes it when the host's rate changes.
+    const auto rate = blockSampleRate.load();
+    designs->request (rate > 0.0 ? rate : getSampleRate());
 }
 
 void QuendaAudioProcessor::runPendingKernelDesign()
@@ -189,6 +191,7 @@ void QuendaAudioProcessor::prepareToPlay (double sampleRate, int maximumExpected
     shelfStage.reset (settings.shelves);
     trimStage.reset (settings.trim);
     preparedSampleRate = getSampleRate();
+    blockSampleRate = preparedSampleRate;
     waitingForFirstBlock = true;
 
     latencyIsLinear = settings.tilt.linearPhase;
@@ -240,6 +243,7 @@ void QuendaAudioProcessor::processBlock (juce::AudioBuffer<float>& buffer, juce:
     {
         shelfStage.followSampleRate (sampleRate);
         preparedSampleRate = sampleRate;
+        blockSampleRate = sampleRate;
 
         if (! tiltStage.hasKernelsFor (sampleRate) && ! tiltStage.designKernelsInBlock (sampleRate))
             requestKernelDesign();

@@ -115,7 +115,8 @@ private:
     int baseLatency = 0;
 
     double preparedSampleRate = 0.0;
-    bool waitingForFirstBlock = false;   // prepared, no block processed yet
+    std::atomic<double> blockSampleRate { 0.0 };   // the rate blocks run at, for requests from any thread
+    bool waitingForFirstBlock = false;             // prepared, no block processed yet
 
     platform::NamedSemaphore& engineLock;
     platform::NamedSemaphore& kernelDesignLock;
