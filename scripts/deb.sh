@@ -9,7 +9,7 @@
 #
 # Exit status: 0 proven, 1 a failure. DEB_SKIP_PROOF=1 stops after lintian (release builds
 # on a machine without root or network). The package is left in BUILD_DIR/packages.
-# PLUGINVAL_BUILDER names pluginval's build script when ../shared is elsewhere.
+# PLUGINVAL_TOOLS names the shared pluginval folder when ../shared is elsewhere.
 set -euo pipefail
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=$(realpath -m "${1:-$repo/build}")
@@ -77,11 +77,11 @@ done
 
 # pluginval was built on this machine: its libraries (not Quenda's, those are proven above)
 # and an X server for the editor tests come from the archive.
-builder=${PLUGINVAL_BUILDER:-$repo/../shared/tools/pluginval/build.sh}
-if [ -f "$builder" ]; then
-    # The builder starts over when its binary is missing: let a build already running finish.
-    while pgrep -f "pluginval/build.sh" > /dev/null; do sleep 10; done
-    pluginval=$(bash "$builder") || fail "could not build pluginval"
+# The pluginval of scripts/pluginval.sh, with JUCE's LV2 host fix (scripts/build-pluginval.sh,
+# which waits for a build of it already running).
+tools=${PLUGINVAL_TOOLS:-$repo/../shared/tools/pluginval}
+if [ -f "$tools/build.sh" ]; then
+    pluginval=$(PLUGINVAL_TOOLS=$tools bash scripts/build-pluginval.sh) || fail "could not build pluginval"
     packages=$(ldd "$pluginval" | awk '/=> \// { print $3 }' | while read -r library; do
                    # Debian's usr-merge: dpkg may know the library by either path.
                    dpkg -S "$library" 2> /dev/null || dpkg -S "$(realpath "$library")" 2> /dev/null || true
@@ -107,7 +107,7 @@ if [ -f "$builder" ]; then
         fi
     done
 else
-    step "pluginval skipped: $builder is absent"
+    step "pluginval skipped: $tools/build.sh is absent"
 fi
 
 step "apt-get remove quenda"

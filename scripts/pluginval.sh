@@ -8,16 +8,17 @@
 # Exit status: 0 all formats pass, 1 a failure, 77 skipped (no pluginval sources: a checkout
 # outside CI, where ../shared is absent). PLUGINVAL_OUTPUT_DIR keeps the logs (default
 # BUILD_DIR/pluginval-logs). PLUGINVAL_REPEAT and PLUGINVAL_SEED override the repeat count and
-# the seed for local runs (scripts/pluginval-settings.sh).
+# the seed for local runs (scripts/pluginval-settings.sh), PLUGINVAL_TOOLS the shared pluginval
+# folder when ../shared is elsewhere.
 set -uo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:?usage: pluginval.sh BUILD_DIR}" && pwd)
-builder=$repo/../shared/tools/pluginval/build.sh
+tools=${PLUGINVAL_TOOLS:-$repo/../shared/tools/pluginval}
 skip=77
 
-if [ ! -f "$builder" ]; then
-    echo "pluginval: skipped: $builder is absent (the shared tools come with the CI workplace)"
+if [ ! -f "$tools/build.sh" ]; then
+    echo "pluginval: skipped: $tools/build.sh is absent (the shared tools come with the CI workplace)"
     exit $skip
 fi
 
@@ -26,8 +27,9 @@ if ! command -v xvfb-run > /dev/null; then
     exit 1
 fi
 
-# Cached after the first build (about 5 minutes on 2 cores).
-pluginval=$(bash "$builder") || { echo "pluginval: could not build pluginval" >&2; exit 1; }
+# The shared pluginval with JUCE's LV2 host fix, cached after the first build (about 5 minutes
+# on 2 cores; scripts/build-pluginval.sh).
+pluginval=$(PLUGINVAL_TOOLS=$tools bash "$repo/scripts/build-pluginval.sh") || { echo "pluginval: could not build pluginval" >&2; exit 1; }
 
 plugins=()
 for pattern in "VST/Quenda.so" "VST3/Quenda.vst3" "LV2/Quenda.lv2"; do

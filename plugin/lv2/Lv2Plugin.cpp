@@ -8,6 +8,7 @@
 #define JUCE_GUI_BASICS_INCLUDE_XHEADERS 1
 
 #include "plugin/PluginProcessor.h"
+#include "plugin/StateBlock.h"
 #include "plugin/lv2/Lv2Ports.h"
 
 #include <juce_audio_plugin_client/utility/juce_LinuxMessageThread.h>
@@ -23,6 +24,7 @@
 #include <lv2/urid/urid.h>
 
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -120,7 +122,8 @@ public:
           maximumBlock (maximumBlockFromOptions (features)),
           map (static_cast<const LV2_URID_Map*> (findFeature (features, LV2_URID__map)))
     {
-        applied.fill (std::numeric_limits<float>::quiet_NaN());
+        for (auto& value : applied)
+            value.store (std::numeric_limits<float>::quiet_NaN());
         processor->setRateAndBufferSizeDetails (sampleRate, maximumBlock);
     }
 
@@ -180,9 +183,16 @@ public:
         if (map == nullptr)
             return LV2_STATE_ERR_NO_FEATURE;
 
-        juce::MemoryBlock block;
-        processor->getStateInformation (block);
-        const auto text = block.toBase64Encoding();
+        // The processor's state block, but a control the host moved since the last block is
+        // saved with its new value: the host saves its ports beside the block, and a restore
+        // must not find the two disagreeing. The next block applies it to the processor.
+        auto values = processor->getParameterValues();
+
+        for (size_t i = 0; i < numParameters; ++i)
+            if (const auto pending = pendingControl (i))
+                values[i] = plainValue (i, *pending);
+
+        const auto text = StateBlock::write (values).toBase64Encoding();
         return store (handle, urid (stateKey()), text.toRawUTF8(), text.getNumBytesAsUTF8() + 1,
                       urid (LV2_ATOM__String), LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE);
     }
@@ -217,7 +227,7 @@ public:
         // their port values as well (lilv, Ardour) set the same ones.
         for (size_t i = 0; i < numParameters; ++i)
             if (controls[i] != nullptr)
-                applied[i] = *controls[i];
+                applied[i].store (*controls[i]);
 
         return LV2_STATE_SUCCESS;
     }
@@ -234,20 +244,33 @@ private:
 
         for (size_t i = 0; i < numParameters; ++i)
         {
-            if (controls[i] == nullptr)
-                continue;
-
-            const auto value = *controls[i];
-
-            if (! std::isfinite (value) || value == applied[i])
-                continue;
-
-            applied[i] = value;
-            auto* parameter = parameters[(int) i];
-            // The processor's parameters of an unknown wrapper take plain values as given.
-            parameter->setValue (ParameterTable::entry (i).isSwitch ? (ParameterTable::entry (i).isOn (value) ? 1.0f : 0.0f)
-                                                                    : value);
+            if (const auto value = pendingControl (i))
+            {
+                applied[i].store (*value);
+                // The processor's parameters of an unknown wrapper take plain values as given.
+                parameters[(int) i]->setValue (plainValue (i, *value));
+            }
         }
+    }
+
+    /** The control's value when the host moved it since the last block. */
+    std::optional<float> pendingControl (size_t i) const noexcept
+    {
+        if (controls[i] == nullptr)
+            return {};
+
+        const auto value = *controls[i];
+
+        if (! std::isfinite (value) || value == applied[i].load())
+            return {};
+
+        return value;
+    }
+
+    static float plainValue (size_t i, float control) noexcept
+    {
+        const auto& entry = ParameterTable::entry (i);
+        return entry.isSwitch ? (entry.isOn (control) ? 1.0f : 0.0f) : control;
     }
 
     LV2_URID urid (const char* uri) const { return map->map (map->handle, uri); }
@@ -275,7 +298,7 @@ private:
     std::array<const float*, 2> inputs {};
     std::array<float*, 2> outputs {};
     std::array<const float*, numParameters> controls {};
-    std::array<float, numParameters> applied {};
+    std::array<std::atomic<float>, numParameters> applied;
     float* latencyOut = nullptr;
     const float* enabledIn = nullptr;
     juce::MidiBuffer midi;

@@ -214,6 +214,37 @@ TEST (Lv2Entry, PlainPortValuesAndRestoredStatesAreWhatThePluginUses)
     EXPECT_EQ (expected, plugin.saved());
 }
 
+TEST (Lv2Entry, ControlsMovedSinceTheLastBlockAreSavedWithTheirNewValues)
+{
+    Plugin first;
+    ASSERT_NE (nullptr, first.handle);
+    first.controls = someValues;
+    first.run();
+
+    // The host moves controls and saves with no block between (its audio stopped): one control
+    // goes back to its default, a switch gets a value that is not exactly 0 or 1.
+    auto moved = someValues;
+    moved[ParameterTable::lowIndex] = ParameterTable::entry (ParameterTable::lowIndex).defaultValue;
+    moved[ParameterTable::bypassIndex] = 0.7f;
+    first.controls = moved;
+    auto expected = moved;
+    expected[ParameterTable::bypassIndex] = 1.0f;
+    const auto saved = first.saved();
+    EXPECT_EQ (expected, saved);
+
+    // Reloaded as lilv restores: the plug-in's state, then the saved ports. The control that
+    // went back to where a new instance starts must not keep its older value.
+    Plugin second;
+    ASSERT_NE (nullptr, second.handle);
+    second.restore (saved);
+    second.controls = moved;
+    second.run();
+    EXPECT_EQ (expected, second.saved());
+
+    first.run();
+    EXPECT_EQ (expected, first.saved());
+}
+
 TEST (Lv2Ui, TellsTheHostOfEveryValueThePluginSideChanges)
 {
     // The editor needs an X display: the test runs under xvfb-run (lv2_ui_xvfb), skips without.
