@@ -12,8 +12,8 @@ packages=(
     libflac-dev libvorbis-dev libogg-dev
     sordi
     libebur128-dev sox hyperfine
-    xvfb xauth x11-utils
-    ardour
+    xvfb xauth x11-utils procps
+    ardour audacity
     lintian mmdebstrap desktop-file-utils man-db
 )
 

@@ -12,7 +12,7 @@
 #               UndefinedBehaviorSanitizer, together with short fuzz runs
 #   tsan        the concurrency test under ThreadSanitizer
 #   formats     the VST3 and LV2 builds through JUCE's hosting code and the LV2 one through its C
-#               interface, the LV2 TTL, Ardour (skipped where absent), and pluginval
+#               interface, the LV2 TTL, Ardour and Audacity (skipped where absent), and pluginval
 #               on every format (skipped where the shared tools are absent)
 #   package     the Debian package from the unit build, lintian, then installed, run, validated
 #               and removed in a clean bookworm root (scripts/deb.sh)
