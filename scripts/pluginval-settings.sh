@@ -15,3 +15,11 @@ pluginval_disabled_for () {
     list=$(dirname "${BASH_SOURCE[0]}")/../tests/pluginval/disabled-$1.txt
     [ -f "$list" ] && grep -v '^#' "$list" | grep -v '^$' | paste -sd, -
 }
+
+# Prints one line per test and kind of failure in a pluginval log, with how often it happened.
+pluginval_failures () {
+    awk '/^Starting tests in: /   { sub (/^Starting tests in: pluginval \/ /, ""); test = $0 }
+         /^!!! Test [0-9]+ failed/ { sub (/^!!! Test [0-9]+ failed: /, ""); gsub (/[0-9]+/, "N"); count[test " | " $0]++ }
+         /^\*\*\* FAILED: /        { count[test " | " $0]++ }
+         END { for (k in count) printf "  %5d x %s\n", count[k], k }' "$1" | sort -t'|' -k1,1 | head -n 60
+}

@@ -80,11 +80,7 @@ for plugin in "${plugins[@]}"; do
         echo "pluginval: $format: passed in ${seconds} s (log: $log)"
     else
         echo "pluginval: $format: FAILED (status $result) after ${seconds} s; failures:"
-        # One line per test and kind of failure, with how often it happened.
-        awk '/^Starting tests in: /   { sub (/^Starting tests in: pluginval \/ /, ""); test = $0 }
-             /^!!! Test [0-9]+ failed/ { sub (/^!!! Test [0-9]+ failed: /, ""); gsub (/[0-9]+/, "N"); count[test " | " $0]++ }
-             /^\*\*\* FAILED: /        { count[test " | " $0]++ }
-             END { for (k in count) printf "  %5d x %s\n", count[k], k }' "$log" | sort -t'|' -k1,1 | head -n 60
+        pluginval_failures "$log"
         echo "pluginval: full log: $log"
         status=1
     fi
