@@ -2,8 +2,8 @@
 # The Windows stage: cross-builds Quenda.dll, Quenda.vst3 and the host test programs, then runs
 # them under Wine (its own prefix under the build folder, on a private Xvfb display): the
 # host-level suite against the DLL, the VST3 through JUCE's hosting classes, the lock shared
-# with another Wine process, and the editor in a host window, photographed to
-# BUILD_DIR/editor-windows.png.
+# with another Wine process, the editor in a host window, photographed to
+# BUILD_DIR/editor-windows.png, and pluginval.exe on both formats (scripts/pluginval-windows.sh).
 # Usage: test-windows.sh [BUILD_DIR] (default build-windows).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -57,5 +57,11 @@ else
     echo "test-windows: editor window photographed to $shot"
 fi
 
-echo "test-windows: build $(( built - started )) s, Wine runs $(( $(date +%s) - built )) s"
+# pluginval at the Linux run's settings; skipped (77) where ../shared is absent.
+validated=$(date +%s)
+result=0
+bash scripts/pluginval-windows.sh "$build_dir" || result=$?
+[ $result -eq 0 ] || [ $result -eq 77 ] || failed=1
+
+echo "test-windows: build $(( built - started )) s, Wine runs $(( validated - built )) s, pluginval $(( $(date +%s) - validated )) s"
 exit $failed

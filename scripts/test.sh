@@ -17,8 +17,8 @@
 #   package     the Debian package from the unit build, lintian, then installed, run, validated
 #               and removed in a clean bookworm root (scripts/deb.sh)
 #   windows     Quenda.dll and Quenda.vst3 cross-built with MinGW-w64, their host-level tests
-#               under Wine, then the installer and zip, installed silently into a fresh Wine
-#               prefix, tested there and uninstalled
+#               and pluginval under Wine, then the installer and zip, installed silently into a
+#               fresh Wine prefix, tested there and uninstalled
 #
 # The fast loop while working: bash scripts/build.sh build -- quenda_dsp_tests quenda_plugin_tests
 # quenda_realtime_tests quenda_platform_tests, then ctest --test-dir build -L unit.
