@@ -16,7 +16,6 @@ shared=${PLUGINVAL_TOOLS:-$repo/../shared/tools/pluginval}
 prefix=$(realpath "${1:?usage: build-pluginval-windows.sh DEPS_PREFIX [CACHE_DIR]}")
 cache=${2:-${XDG_CACHE_HOME:-$HOME/.cache}/pluginval-win-b107dd2}
 bin=$cache/pluginval.exe
-host=x86_64-w64-mingw32
 
 if [ ! -f "$shared/pluginval-b107dd2.tar.gz" ]; then
     echo "build-pluginval-windows: $shared is absent (the shared tools come with the CI workplace)" >&2
@@ -66,14 +65,8 @@ command -v ccache > /dev/null && launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -D
 built=$cache/build/pluginval_artefacts/Release/pluginval.exe
 
 # Wine must run it with Windows' own DLLs only.
-system_dlls=(advapi32.dll comdlg32.dll dxgi.dll gdi32.dll imm32.dll kernel32.dll msvcrt.dll ole32.dll
-    oleaut32.dll shell32.dll shlwapi.dll user32.dll version.dll wininet.dll winmm.dll ws2_32.dll wsock32.dll)
-for name in $($host-objdump -p "$built" | sed -n 's/^\s*DLL Name: //p' | tr 'A-Z' 'a-z' | sort -u); do
-    case " ${system_dlls[*]} " in
-        *" $name "*) ;;
-        *) echo "build-pluginval-windows: pluginval.exe depends on $name, which Windows does not provide" >&2; exit 1 ;;
-    esac
-done
+source "$repo/scripts/windows-imports.sh"
+windows_imports_only_system "$built" build-pluginval-windows
 
 cp "$built" "$bin"
 echo "$stamp" > "$cache/stamp"

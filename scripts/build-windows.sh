@@ -102,22 +102,12 @@ dll=$build_dir/Quenda_artefacts/Release/VST/Quenda.dll
 # module to read its factory, as they do for every VST3 made before SDK 3.7.5.
 vst3=$build_dir/Quenda_artefacts/Release/VST3/Quenda.vst3/Contents/x86_64-win/Quenda.vst3
 
-# Each must load on a bare Windows: import only the system's own DLLs (no MinGW runtime, no
-# FFTW, zlib or libpng DLLs), and export its format's entry point.
-system_dlls=(kernel32.dll user32.dll gdi32.dll advapi32.dll shell32.dll ole32.dll oleaut32.dll
-    comdlg32.dll imm32.dll shlwapi.dll rpcrt4.dll version.dll winmm.dll wininet.dll wsock32.dll
-    ws2_32.dll dxgi.dll msvcrt.dll comctl32.dll uxtheme.dll dwmapi.dll)
+# Each must load on a bare Windows and export its format's entry point.
+source "$(dirname "${BASH_SOURCE[0]}")/windows-imports.sh"
 check_module () {
-    local module=$1 entry=$2 headers imports name
+    local module=$1 entry=$2 headers
+    windows_imports_only_system "$module" build-windows
     headers=$($host-objdump -p "$module")
-    imports=$(sed -n 's/^\s*DLL Name: //p' <<<"$headers" | tr 'A-Z' 'a-z' | sort -u)
-    echo "build-windows: $(basename "$module") imports:" $imports
-    for name in $imports; do
-        case " ${system_dlls[*]} " in
-            *" $name "*) ;;
-            *) echo "build-windows: $(basename "$module") depends on $name, which Windows does not provide" >&2; exit 1 ;;
-        esac
-    done
     if ! grep -qE "^\s*\[\s*[0-9]+\] $entry\$" <<<"$headers"; then
         echo "build-windows: $(basename "$module") does not export $entry" >&2
         exit 1
